@@ -1,0 +1,18 @@
+#include "platform/caller_text.h"
+
+#include <cstring>
+
+namespace fsu::platform {
+
+bool caller_text_is_safe(const char* text, Blanks blanks) {
+  if (text == nullptr) return false;
+  for (const unsigned char* p = reinterpret_cast<const unsigned char*>(text); *p; ++p) {
+    const unsigned char c = *p;
+    if (c < 0x20 || c == 0x7f) return false;
+    if (c == ' ' && blanks == Blanks::kRefused) return false;
+    if (std::strchr("'\"`$\\;&|<>()", c) != nullptr) return false;
+  }
+  return true;
+}
+
+}  // namespace fsu::platform

@@ -1,0 +1,13 @@
+// Text that callers hand to public calls and that ends up inside a shell command line.
+#pragma once
+
+namespace fsu::platform {
+
+enum class Blanks { kRefused, kAllowed };
+
+// True when `text` cannot change the command it is placed in: no quotes, backquote, '$',
+// backslash, ';', '&', '|', '<', '>', parentheses, line breaks or other control characters,
+// and no blanks unless the command quotes the text (Blanks::kAllowed). Null is refused.
+bool caller_text_is_safe(const char* text, Blanks blanks);
+
+}  // namespace fsu::platform

@@ -1,0 +1,26 @@
+// The one place for clock readings and sleeps, so that time-dependent code has a single seam.
+#pragma once
+
+#include <ctime>
+
+namespace fsu::platform {
+
+struct WallTime {
+  std::time_t seconds;  // calendar seconds
+  long microseconds;    // 0 to 999999
+};
+
+// Calendar time of day (gettimeofday).
+WallTime wall_now();
+// Calendar seconds (time()).
+std::time_t seconds_now();
+// Seconds since an arbitrary start that never jumps (for deadlines, not for records).
+double monotonic_seconds();
+// Local broken-down time of `t`.
+std::tm local_time(std::time_t t);
+
+// Sleeps, resuming after signals until the full time has passed.
+void sleep_ms(long milliseconds);
+void sleep_s(long seconds);
+
+}  // namespace fsu::platform
