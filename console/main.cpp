@@ -1,1 +1,46 @@
-int main() { return 0; }
+// benchkit: the test console of the FSU. Without arguments it serves the numbered menu; with
+// the single argument "web" it runs unattended beside the device's web pages.
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+#include "console/menu.h"
+#include "fsusdk.h"
+#include "platform/clock.h"
+#include "platform/command_runner.h"
+#include "support/sdk_log.h"
+
+namespace {
+
+constexpr const char* kStarLine = "\r\n/***********************************************************/\r";
+
+// Resident applications of the device that would compete for the ports and LEDs.
+constexpr const char* kResidentStops[] = {
+    "killall /product/app/bin/fieldsvc", "killall fieldsvc", "killall fieldsvc_tf_listen",
+    "killall kvwatch", "killall kvserve"};
+
+[[noreturn]] void web_mode() {
+  std::puts(kStarLine);
+  std::printf(
+      "配合网页模式(主动关闭白盒软件,如需开启重启设备)\r\n该模式下，q默认开启串口回环测试(9600,N,8,1,0)，"
+      "AODO 监听控制模式，\r\n1分钟检测一次PPP0，如没有则调用一次PPP0拨号\r\n 流水灯闪烁模式");
+  std::puts(kStarLine);
+  std::fflush(stdout);
+  fsu::platform::sleep_s(3);
+  for (;;) fsu::platform::sleep_s(3600);  // the work is done by the threads
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  for (const char* command : kResidentStops) fsu::platform::run_command(command);
+  fsu::platform::sleep_s(2);
+  InitializeSDK();
+  fsu::support::SDK_LOG_PAR_INIT_NOPRINTF();
+  fsu::support::SDK_LOG_PAR_INIT();
+  if (argc == 2 && std::strcmp(argv[1], "web") == 0) web_mode();
+  fsu::console::menu_loop(stdin);
+  // End of input: leave at once, without running static destructors under the SDK's threads.
+  std::fflush(stdout);
+  _exit(0);
+}

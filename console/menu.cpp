@@ -1,1 +1,139 @@
-// (being written)
+#include "console/menu.h"
+
+#include <cctype>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+
+#include "console/test_routines.h"
+#include "fsusdk.h"
+#include "platform/command_runner.h"
+#include "platform/sandbox_root.h"
+#include "support/sdk_log.h"
+
+namespace fsu::console {
+namespace {
+
+constexpr const char* kRule = "-----------------------------------------";
+
+constexpr const char* kMenuLines[] = {
+    "\t1.RTC硬件时钟获取",
+    "\t2.资源获取",
+    "\t3.串口回环(9600,n,8,1)",
+    "\t4.设备PPP0拨号",
+    "\t5.DO控制测试",
+    "\t6.AIDI采集信息",
+    "\t7.第一路12V断电",
+    "\t8.第一路12V上电",
+    "\t9.第二路12V断电",
+    "\t10.第二路12V上电",
+    "\t11.获取一次AIDI数据",
+    "\t12.获取GPS信息",
+    "\t13.固定发送串口1测试指令",
+    "\t14.监听串口信息到/tmp/comlog.log",
+    "\t15.串口出厂回环检测(9600,8,1,0)奇/偶数串口循环发送10字节数据,收到回环数据异常会打印，同步网页串口统计",
+    "\t16.获取无线模组信息(PPP0 IP, CIMI IMEI 信号强度等)",
+    "\t17.打开SDK日志",
+    "\t18.关闭SDK日志",
+    "\t21.GPS+北斗定位",
+    "\t22.GPS 定位",
+    "\t23.北斗 定位",
+    "\t98.获取模块静态动态信息",
+    "\t99.设置GPS类型",
+};
+static_assert(sizeof kMenuLines / sizeof kMenuLines[0] == 23);
+
+// Items 7 to 10: a 12 V output of the main board switched through its GPIO value file.
+void set_12v(const char* message, int gpio, int value) {
+  std::printf("%s", message);
+  char device_path[64];
+  std::snprintf(device_path, sizeof device_path, "/sys/class/gpio/gpio%d/value", gpio);
+  platform::run_commandf("echo %d > %s", value, platform::DevicePath(device_path).c_str());
+}
+
+void run_item(int item) {
+  switch (item) {
+    case 1:
+      std::puts("间隔一秒获取获取硬件时钟\r");
+      Read_Hardware_RTC();
+      break;
+    case 2:
+      Printf_Resource();
+      break;
+    case 7:
+      set_12v("主板第一路12V断电", 8, 0);
+      break;
+    case 8:
+      set_12v("主板第一路12V上电", 8, 1);
+      break;
+    case 9:
+      set_12v("主板第2路12V断电", 5, 0);
+      break;
+    case 10:
+      set_12v("主板第2路12V上电", 5, 1);
+      break;
+    case 17:
+      support::SDK_LOG_PAR_INIT();
+      break;
+    case 18:
+      support::SDK_LOG_PAR_INIT_NOPRINTF();
+      break;
+    case 8893:
+      UpdateSDK("/tmp/dt_sdk_upgrade.gz");
+      break;
+    default:  // not an item: the menu is drawn again
+      break;
+  }
+}
+
+}  // namespace
+
+void help_printf() {
+  std::puts(kRule);
+  for (const char* line : kMenuLines) std::puts(line);
+  std::puts(kRule);
+  std::printf("输入测试项: ");
+}
+
+int read_console_line(std::FILE* in, char* line, std::size_t size) {
+  if (line == nullptr || size == 0) return -1;
+  std::memset(line, 0, size);
+  std::fflush(stdout);  // the prompt must be visible before we wait for the answer
+  std::size_t kept = 0;
+  bool any = false;
+  for (;;) {
+    const int c = std::fgetc(in);
+    if (c == EOF) return any ? static_cast<int>(kept) : -1;
+    any = true;
+    if (c == '\n' || c == '\r') break;
+    if (kept + 1 < size) line[kept++] = static_cast<char>(c);
+  }
+  return static_cast<int>(kept);
+}
+
+int console_number(const char* line) {
+  if (line == nullptr) return 0;
+  const char* p = line;
+  while (std::isspace(static_cast<unsigned char>(*p))) ++p;
+  bool negative = false;
+  if (*p == '+' || *p == '-') negative = *p++ == '-';
+  long long value = 0;
+  for (; std::isdigit(static_cast<unsigned char>(*p)); ++p) {
+    value = value * 10 + (*p - '0');
+    if (value > static_cast<long long>(INT_MAX) + 1) value = static_cast<long long>(INT_MAX) + 1;
+  }
+  if (negative) value = -value;
+  if (value > INT_MAX) value = INT_MAX;
+  return static_cast<int>(value);
+}
+
+void menu_loop(std::FILE* in) {
+  char line[kLineSize];
+  for (;;) {
+    help_printf();
+    if (read_console_line(in, line, sizeof line) < 0) return;
+    run_item(console_number(line));
+  }
+}
+
+}  // namespace fsu::console

@@ -1,1 +1,116 @@
-// (being written)
+#include "sdk/lifecycle.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+
+#include "fsusdk.h"
+#include "platform/caller_text.h"
+#include "platform/clock.h"
+#include "platform/command_runner.h"
+#include "platform/sandbox_root.h"
+#include "sdk/resource_catalogue.h"
+#include "support/bounded_text.h"
+#include "support/file_helpers.h"
+#include "support/sdk_log.h"
+
+namespace fsu::sdk {
+namespace {
+
+using platform::DevicePath;
+using support::SDK_LOG_SYS;
+using support::SDK_LOG_WRITE;
+
+std::atomic<int> sdk_init{0};
+std::atomic<int> RTC_IS_Err{0};
+std::atomic<int> system_init_done{0};
+
+// The hardware information record, 62 bytes of text and its terminator.
+constexpr char kHardwareInformation[] = "{\"产品型号\":\"KTRV-QX\",\"生产日期\":\"2023-01-16 00:00:0\"}";
+static_assert(sizeof kHardwareInformation == 63);
+
+}  // namespace
+
+const char* build_date() { return __DATE__; }
+const char* build_time() { return __TIME__; }
+
+int WriteSdkversion_to_file() {
+  // The carriage return and line feed stand as real characters inside the echoed text.
+  return platform::run_commandf("echo \"Version:Sdk-%s%s-%s-%s\r\n\" >%s", kEdition, kVersion,
+                                build_date(), build_time(), DevicePath("/tmp/sdkversion").c_str());
+}
+
+void SYSTEM_INIT() {
+  if (system_init_done.exchange(1) == 0) BOARD_HARDWARE_RESOURCES_INIT();
+}
+
+void HW_RESOURCES_CHECK() {
+  char output[4096] = {};
+  support::syscmd_read("hwclock -r", output, sizeof output);
+  std::printf("rtc:%s\r\n", output);
+  if (output[0] == '\0') RTC_IS_Err.store(1);
+  std::printf("rtc %d\r\n", RTC_IS_Err.load());
+}
+
+int HW_RTC_IS_Err() { return RTC_IS_Err.load(); }
+
+}  // namespace fsu::sdk
+
+using namespace fsu::sdk;
+using fsu::platform::DevicePath;
+using fsu::support::SDK_LOG_SYS;
+using fsu::support::SDK_LOG_WRITE;
+
+extern "C" int InitializeSDK(void) {
+  if (sdk_init.exchange(1) == 1) return -1;
+  WriteSdkversion_to_file();
+  fsu::support::SDK_LOG_PAR_INIT();
+  SDK_LOG_WRITE(SDK_LOG_SYS, "InitializeSDK");
+  SYSTEM_INIT();
+  // Give the board links time to answer before the counts are taken from their flags.
+  fsu::platform::sleep_s(2);
+  BSP_Resource_CHECK();
+  HW_RESOURCES_CHECK();
+  return 0;
+}
+
+extern "C" int UninitializeSDK(void) {
+  SDK_LOG_WRITE(SDK_LOG_SYS, "UninitializeSDK");
+  return 0;
+}
+
+extern "C" int ReadSDKVersion(char* buf, int size) {
+  if (buf == nullptr || size <= 0) return -1;
+  std::memset(buf, 0, static_cast<std::size_t>(size));
+  fsu::support::BoundedText text(buf, static_cast<std::size_t>(size));
+  text.append("%s-%s", kEdition, kVersion);
+  SDK_LOG_WRITE(SDK_LOG_SYS, "ReadSDKVersion(%s)", buf);
+  return text.fits() ? 0 : -1;
+}
+
+extern "C" int UpdateSDK(const char* path) {
+  SDK_LOG_WRITE(SDK_LOG_SYS, "UpdateSDK(%s)", path ? path : "(null)");
+  if (path == nullptr || std::strstr(path, ".gz") == nullptr) return -1;
+  // The path goes into a shell command unquoted: refuse anything that could change it.
+  if (!fsu::platform::caller_text_is_safe(path, fsu::platform::Blanks::kRefused)) {
+    SDK_LOG_WRITE(SDK_LOG_SYS, "UpdateSDK refused path with shell characters");
+    return -1;
+  }
+  const DevicePath archive(path);
+  const DevicePath target("/tmp/dt_upgrade.gz");
+  if (!archive.ok()) return -1;
+  fsu::platform::run_commandf("mv %s %s", archive.c_str(), target.c_str());
+  fsu::platform::run_command("kvupgrade -f >/dev/null 2>&1 &");
+  return 0;
+}
+
+extern "C" int ReadHardwareInformation(void* buf, int size) {
+  if (buf == nullptr || size <= 0) return -1;
+  if (static_cast<std::size_t>(size) < sizeof kHardwareInformation) {
+    static_cast<char*>(buf)[0] = '\0';
+    return -1;
+  }
+  std::memcpy(buf, kHardwareInformation, sizeof kHardwareInformation);
+  SDK_LOG_WRITE(SDK_LOG_SYS, "ReadHardwareInformation(%s)", kHardwareInformation);
+  return 0;
+}

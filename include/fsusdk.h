@@ -1,0 +1,40 @@
+/* Public calls of the FSU board-support SDK.
+ *
+ * Resources are named "Local/Uart/N", "Local/AI/N", "Local/DI/N", "Local/DO/N", "Local/Bat/N"
+ * and "Local/Led/..."; calls return 0 for success and -1 for failure unless noted.
+ * Text outputs are bounded by the size given; a null buffer or a size below 1 fails.
+ */
+#ifndef FSUSDK_H
+#define FSUSDK_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Lifecycle, version, upgrade, hardware information ---- */
+
+/* Starts the SDK and all its threads; -1 if it has already run in this process. */
+int InitializeSDK(void);
+/* Marks the end of use in the SDK log; stops nothing. */
+int UninitializeSDK(void);
+/* Writes the SDK version ("SE-1.0.9") into buf of size bytes. */
+int ReadSDKVersion(char *buf, int size);
+/* Hands an upgrade archive (a path containing ".gz") to the system upgrade tool. */
+int UpdateSDK(const char *path);
+/* Copies the hardware information JSON text (63 bytes with its terminator) into buf. */
+int ReadHardwareInformation(void *buf, int size);
+
+/* ---- Resources ---- */
+
+/* Writes the JSON array of the resources present on this unit into buf. */
+int ReadFSUResource(char *buf, int size);
+/* Writes the alias of a resource (its name) into alias. */
+int ReadResourceAlias(const char *name, char *alias, int size);
+/* Writes the state of a resource (always 0) into state. */
+int GetResourceState(const char *name, int *state);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* FSUSDK_H */

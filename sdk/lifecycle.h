@@ -1,0 +1,21 @@
+// Start-up of the SDK and the small lifecycle services around it.
+#pragma once
+
+namespace fsu::sdk {
+
+constexpr const char* kEdition = "SE";
+constexpr const char* kVersion = "1.0.9";
+// Build date ("Dec 27 2023") and time ("23:09:56") of this SDK.
+const char* build_date();
+const char* build_time();
+
+// Writes /tmp/sdkversion; returns the shell's status.
+int WriteSdkversion_to_file();
+// First call only: clears the board exist flags.
+void SYSTEM_INIT();
+// Reads the hardware clock once and sets the clock fault flag when it gives nothing.
+void HW_RESOURCES_CHECK();
+// 1 when the hardware clock is faulty.
+int HW_RTC_IS_Err();
+
+}  // namespace fsu::sdk
