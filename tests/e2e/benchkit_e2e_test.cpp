@@ -1,0 +1,100 @@
+// benchkit on the simulated board, driven like a person at the console.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/common/console_driver.h"
+#include "tests/common/test_sandbox.h"
+
+namespace fsu::test {
+namespace {
+
+const std::string kRule = "-----------------------------------------\n";
+const std::string kMenu =
+    kRule +
+    "\t1.RTC硬件时钟获取\n\t2.资源获取\n\t3.串口回环(9600,n,8,1)\n\t4.设备PPP0拨号\n\t5.DO控制测试\n"
+    "\t6.AIDI采集信息\n\t7.第一路12V断电\n\t8.第一路12V上电\n\t9.第二路12V断电\n\t10.第二路12V上电\n"
+    "\t11.获取一次AIDI数据\n\t12.获取GPS信息\n\t13.固定发送串口1测试指令\n"
+    "\t14.监听串口信息到/tmp/comlog.log\n"
+    "\t15.串口出厂回环检测(9600,8,1,0)奇/偶数串口循环发送10字节数据,收到回环数据异常会打印，同步网页串口统计\n"
+    "\t16.获取无线模组信息(PPP0 IP, CIMI IMEI 信号强度等)\n\t17.打开SDK日志\n\t18.关闭SDK日志\n"
+    "\t21.GPS+北斗定位\n\t22.GPS 定位\n\t23.北斗 定位\n\t98.获取模块静态动态信息\n\t99.设置GPS类型\n" +
+    kRule + "输入测试项: ";
+
+std::vector<std::string> benchkit_on(const TestSandbox& box, std::vector<std::string> args = {}) {
+  std::vector<std::string> argv = {fsusim_path(), "run", "--root", box.root(), "--", benchkit_path()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return argv;
+}
+
+TEST(BenchkitOnSimulator, StartsTheSdkPrintsTheMenuAndEndsWithItsInput) {
+  TestSandbox box;
+  ConsoleDriver console(benchkit_on(box), ConsoleDriver::Mode::kPipes);
+  ASSERT_TRUE(console.wait_for("输入测试项: ", 30)) << console.output();
+  const std::string& out = console.output();
+  EXPECT_EQ(out.substr(out.find(kRule)), kMenu);
+  EXPECT_EQ(out.find("COM=4;AI=0;DI=0,AO=0,DO=0"), 0u) << out;
+
+  console.send("2\n");
+  ASSERT_TRUE(console.wait_for_count("输入测试项: ", 2, 10)) << console.output();
+  EXPECT_NE(console.output().find(kMenu + "COM=4;AI=0;DI=0,AO=0,DO=0串口数量:4\r\nAI数量:0\r\nDI数量:0\r\n"
+                                          "DO数量:0\r\n" + kMenu),
+            std::string::npos)
+      << console.output();
+
+  console.send("0\n19\n12abc\n\n");  // no such items yet: the menu is drawn again each time
+  ASSERT_TRUE(console.wait_for_count("输入测试项: ", 6, 10));
+  console.end_input();
+  EXPECT_EQ(console.wait_exit(10), 0);
+
+  const std::string stops =
+      "killall /product/app/bin/fieldsvc\nkillall fieldsvc\nkillall fieldsvc_tf_listen\n"
+      "killall kvwatch\nkillall kvserve\n";
+  EXPECT_EQ(box.calls().substr(0, stops.size()), stops);
+  EXPECT_EQ(box.read("/tmp/sdkversion").rfind("Version:Sdk-SE1.0.9-", 0), 0u);
+  const std::string log = box.read("/tmp/sdklog.log");
+  EXPECT_NE(log.find("sdk_SYS   Line=0000000001]:InitializeSDK"), std::string::npos) << log;
+  EXPECT_NE(log.find("]:COM=4;AI=0;DI=0,AO=0,DO=0"), std::string::npos) << log;
+}
+
+TEST(BenchkitOnSimulator, APersonAtTheTerminalSwitchesTheLogAndTheTwelveVoltLines) {
+  TestSandbox box;
+  ConsoleDriver console(benchkit_on(box), ConsoleDriver::Mode::kTerminal);
+  ASSERT_TRUE(console.wait_for("输入测试项: ", 30)) << console.output();
+  console.send("8\r");
+  ASSERT_TRUE(console.wait_for("主板第一路12V上电", 10));
+  ASSERT_TRUE(console.wait_for_count("输入测试项: ", 2, 10));
+  EXPECT_EQ(box.read("/sys/class/gpio/gpio8/value"), "1\n");
+  console.send("9\r");
+  ASSERT_TRUE(console.wait_for_count("输入测试项: ", 3, 10));
+  EXPECT_EQ(box.read("/sys/class/gpio/gpio5/value"), "0\n");
+
+  console.send("18\r");  // log off: item 2 leaves no record
+  ASSERT_TRUE(console.wait_for_count("输入测试项: ", 4, 10));
+  const std::size_t before = box.read("/tmp/sdklog.log").size();
+  console.send("2\r");
+  ASSERT_TRUE(console.wait_for_count("输入测试项: ", 5, 10));
+  EXPECT_EQ(box.read("/tmp/sdklog.log").size(), before);
+  console.send("17\r2\r");
+  ASSERT_TRUE(console.wait_for_count("输入测试项: ", 7, 10));
+  EXPECT_GT(box.read("/tmp/sdklog.log").size(), before);
+
+  console.end_input();
+  EXPECT_EQ(console.wait_exit(10), 0);
+}
+
+TEST(BenchkitOnSimulator, WebModeOnlyForTheSingleArgumentWeb) {
+  TestSandbox box;
+  {
+    ConsoleDriver web(benchkit_on(box, {"web"}), ConsoleDriver::Mode::kPipes);
+    ASSERT_TRUE(web.wait_for("流水灯闪烁模式\r\n/*****", 30)) << web.output();
+    EXPECT_EQ(web.output().find("输入测试项"), std::string::npos);
+  }
+  for (const std::vector<std::string>& args : {std::vector<std::string>{"WEB"}, {"web", "x"}}) {
+    ConsoleDriver menu(benchkit_on(box, args), ConsoleDriver::Mode::kPipes);
+    EXPECT_TRUE(menu.wait_for("输入测试项: ", 30)) << menu.output();
+  }
+}
+
+}  // namespace
+}  // namespace fsu::test

@@ -1,0 +1,72 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "fsusdk.h"
+#include "platform/clock.h"
+#include "sdk/lifecycle.h"
+#include "tests/common/test_sandbox.h"
+
+namespace fsu::sdk {
+namespace {
+
+TEST(Lifecycle, StartsOnceWritesVersionAndLogAndSeesAFaultyClock) {
+  fsu::test::TestSandbox box;
+  box.write("/sim/rtc_fault", "");
+  ASSERT_EQ(InitializeSDK(), 0);
+  const std::string version = std::string("Version:Sdk-SE1.0.9-") + build_date() + "-" + build_time();
+  EXPECT_EQ(box.read("/tmp/sdkversion"), version + "\r\n\n");
+  EXPECT_NE(box.read("/tmp/sdklog.log").find("sdk_SYS   Line=0000000001]:InitializeSDK"), std::string::npos);
+  EXPECT_EQ(HW_RTC_IS_Err(), 1);
+
+  const double start = platform::monotonic_seconds();
+  EXPECT_EQ(InitializeSDK(), -1);
+  EXPECT_LT(platform::monotonic_seconds() - start, 0.5);
+  EXPECT_EQ(UninitializeSDK(), 0);
+  EXPECT_NE(box.read("/tmp/sdklog.log").find("]:UninitializeSDK"), std::string::npos);
+}
+
+TEST(Lifecycle, ClockCheckKeepsTheFlagClearWhenTheClockAnswers) {
+  fsu::test::TestSandbox box;
+  HW_RESOURCES_CHECK();
+  EXPECT_EQ(HW_RTC_IS_Err(), 0);
+  EXPECT_NE(box.calls().find("hwclock -r"), std::string::npos);
+}
+
+TEST(Lifecycle, UpdateTakesOnlyArchivesWithPlainPaths) {
+  fsu::test::TestSandbox box;
+  box.write("/tmp/a.gz.bak", "archive");
+  EXPECT_EQ(UpdateSDK("/tmp/a.gz.bak"), 0);
+  EXPECT_EQ(box.read("/tmp/dt_upgrade.gz"), "archive");
+  EXPECT_NE(box.calls().find("kvupgrade -f"), std::string::npos);
+
+  box.write("/tmp/a.zip", "zip");
+  box.write("/tmp/b.gz", "b");
+  EXPECT_EQ(UpdateSDK("/tmp/a.zip"), -1);
+  EXPECT_EQ(UpdateSDK("/tmp/b.gz;reboot"), -1);
+  EXPECT_EQ(UpdateSDK("/tmp/b.gz' '/x"), -1);
+  EXPECT_EQ(UpdateSDK(nullptr), -1);
+  EXPECT_TRUE(box.exists("/tmp/a.zip"));
+  EXPECT_TRUE(box.exists("/tmp/b.gz"));
+  EXPECT_EQ(box.calls().find("reboot"), std::string::npos);
+}
+
+TEST(Lifecycle, VersionAndHardwareInformationAreBounded) {
+  fsu::test::TestSandbox box;
+  char buf[64];
+  EXPECT_EQ(ReadSDKVersion(buf, sizeof buf), 0);
+  EXPECT_STREQ(buf, "SE-1.0.9");
+  EXPECT_EQ(ReadSDKVersion(buf, 4), -1);
+  EXPECT_STREQ(buf, "SE-");
+  EXPECT_EQ(ReadSDKVersion(nullptr, 9), -1);
+
+  char info[63];
+  EXPECT_EQ(ReadHardwareInformation(info, sizeof info), 0);
+  EXPECT_STREQ(info, "{\"产品型号\":\"KTRV-QX\",\"生产日期\":\"2023-01-16 00:00:0\"}");
+  EXPECT_EQ(ReadHardwareInformation(info, 62), -1);
+  EXPECT_EQ(ReadHardwareInformation(info, 0), -1);
+}
+
+}  // namespace
+}  // namespace fsu::sdk
