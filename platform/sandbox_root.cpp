@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <mutex>
 #include <string>
 #include <unistd.h>
 
@@ -21,9 +23,16 @@ bool root_text_is_plain(const char* s) {
   return true;
 }
 
-// Interned root texts are never freed: readers on other threads may still hold the old one,
-// and the root changes only a handful of times per process (tests).
+// Root texts are kept for the life of the process: readers on other threads may still hold
+// an old one, and the root changes only a handful of times per process (tests).
 std::atomic<const char*> g_root{nullptr};
+std::mutex g_roots_lock;
+std::deque<std::string> g_roots;
+
+const char* keep(std::string text) {
+  std::lock_guard<std::mutex> lock(g_roots_lock);
+  return g_roots.emplace_back(std::move(text)).c_str();
+}
 
 const char* make_root(const char* dir) {
   if (dir == nullptr || dir[0] == '\0') return "";
@@ -38,7 +47,7 @@ const char* make_root(const char* dir) {
   while (text.size() > 1 && text.back() == '/') text.pop_back();
   if (text == "/") return "";
   if (text.size() > kMaxRootLength || !root_text_is_plain(text.c_str())) return nullptr;
-  return strdup(text.c_str());
+  return keep(std::move(text));
 }
 
 const char* root_from_environment() {

@@ -39,6 +39,11 @@ TEST(Lifecycle, UpdateTakesOnlyArchivesWithPlainPaths) {
   box.write("/tmp/a.gz.bak", "archive");
   EXPECT_EQ(UpdateSDK("/tmp/a.gz.bak"), 0);
   EXPECT_EQ(box.read("/tmp/dt_upgrade.gz"), "archive");
+  // The upgrade tool is started in the background.
+  const double deadline = platform::monotonic_seconds() + 10;
+  while (box.calls().find("kvupgrade -f") == std::string::npos && platform::monotonic_seconds() < deadline) {
+    platform::sleep_ms(10);
+  }
   EXPECT_NE(box.calls().find("kvupgrade -f"), std::string::npos);
 
   box.write("/tmp/a.zip", "zip");
