@@ -1,1 +1,168 @@
-// (being written)
+#include "support/sdk_log.h"
+
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+
+#include "platform/clock.h"
+#include "platform/command_runner.h"
+#include "platform/sandbox_root.h"
+#include "support/bounded_text.h"
+#include "support/file_helpers.h"
+
+namespace fsu::support {
+
+STR_LOG_PAR_T STR_LOG_PAR{};
+
+namespace {
+
+// Record counter; the first record of a process carries number 1.
+std::atomic<std::int32_t> LOG_CNNT{0};
+
+// One record buffer for the whole process, used under g_log_mutex: records are built,
+// numbered, checked for rotation and output one at a time, without a 100 KB stack buffer
+// on every logging thread and without a heap allocation per record.
+std::mutex g_log_mutex;
+char g_record[kLogRecordBuffer];
+
+// Header literals by level code; every literal is 22 characters, so "Line=" lines up.
+constexpr const char* kHeaderLiterals[] = {
+    "sdk_OTHER Line=%010d]:",  // any unknown code
+    "sdk_SQL   Line=%010d]:", "sdk_ERROR Line=%010d]:", "sdk_NET   Line=%010d]:",
+    "sdk_SO    Line=%010d]:", "sdk_SYS   Line=%010d]:", "sdk_PIC   Line=%010d]:",
+    "sdk_OTHER Line=%010d]:", "sdk_DEBUG Line=%010d]:",
+};
+
+bool is_known_level(int level) { return level >= SDK_LOG_SQL && level <= SDK_LOG_DEBUG; }
+
+const char* header_literal(int level) { return kHeaderLiterals[is_known_level(level) ? level : 0]; }
+
+// The output setting that serves a level code.
+std::atomic<std::int32_t>& setting_of(int level) {
+  switch (level) {
+    case SDK_LOG_SQL:
+      return STR_LOG_PAR.sql;
+    case SDK_LOG_ERROR:
+      return STR_LOG_PAR.error;
+    case SDK_LOG_NET:
+      return STR_LOG_PAR.net;
+    case SDK_LOG_SO:
+      return STR_LOG_PAR.so;
+    case SDK_LOG_SYS:
+      return STR_LOG_PAR.sys;
+    case SDK_LOG_PIC:
+      return STR_LOG_PAR.pic;
+    case SDK_LOG_DEBUG:
+      return STR_LOG_PAR.debug;
+    default:
+      return STR_LOG_PAR.other;
+  }
+}
+
+void set_all_levels(std::int32_t value) {
+  for (auto* field : {&STR_LOG_PAR.sql, &STR_LOG_PAR.error, &STR_LOG_PAR.net, &STR_LOG_PAR.so,
+                      &STR_LOG_PAR.pic, &STR_LOG_PAR.sys, &STR_LOG_PAR.other, &STR_LOG_PAR.debug}) {
+    field->store(value, std::memory_order_relaxed);
+  }
+}
+
+// Packs the log into the zip and starts a new file once it is above the rotation size.
+// Callers hold g_log_mutex, so no append runs while the file is replaced.
+void rotate_if_large() {
+  if (getfilesize(kLogFile) <= kLogRotateSize) return;  // -1 (missing) included
+  const platform::DevicePath zip(kLogZip);
+  const platform::DevicePath log(kLogFile);
+  if (!zip.ok() || !log.ok()) return;
+  platform::run_commandf("rm %s", zip.c_str());
+  platform::run_commandf("zip %s %s", zip.c_str(), log.c_str());
+  platform::run_commandf("rm %s", log.c_str());
+}
+
+}  // namespace
+
+void SDK_LOG_PAR_INIT() { set_all_levels(LOG_OUT_FILE); }
+
+void SDK_LOG_PAR_INIT_NOPRINTF() { set_all_levels(LOG_OUT_NONE); }
+
+int format_log_header(char* buf, std::size_t size, int level, const std::tm& t, long microseconds,
+                      std::int32_t number) {
+  if (buf == nullptr || size == 0) return 0;
+  BoundedText header(buf, size);
+  header
+      .append("\r\n[%04d-%02d-%02d %02d:%02d:%02d.%ld ", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday,
+              t.tm_hour, t.tm_min, t.tm_sec, microseconds / 1000)
+      .append(header_literal(level), number);
+  return static_cast<int>(header.length());
+}
+
+int SDK_UPDATE_LOG_HEADER(int level, char* buf) {
+  if (buf == nullptr) return 0;
+  // One reading gives both the second and the milliseconds, so a stamp never runs backwards
+  // across a second boundary.
+  const platform::WallTime now = platform::wall_now();
+  const std::tm local = platform::local_time(now.seconds);
+  // Wrapping add: the counter never resets during the process's life.
+  const std::int32_t number = static_cast<std::int32_t>(
+      static_cast<std::uint32_t>(LOG_CNNT.fetch_add(1, std::memory_order_relaxed)) + 1U);
+  format_log_header(buf, kLogHeaderSize, level, local, now.microseconds, number);
+  return setting_of(level).load(std::memory_order_relaxed);
+}
+
+int SDK_LOG_WRITE(int level, const char* format, ...) {
+  std::lock_guard<std::mutex> lock(g_log_mutex);
+  const int setting = SDK_UPDATE_LOG_HEADER(level, g_record);
+  if (setting == LOG_OUT_NONE) return 0;
+  rotate_if_large();
+
+  // The record, header included, stays within kLogRecordBuffer - 2 characters; a longer
+  // message is cut.
+  const std::size_t head = std::strlen(g_record);
+  char* message = g_record + head;
+  *message = '\0';
+  if (format != nullptr) {
+    va_list args;
+    va_start(args, format);
+    const int n = std::vsnprintf(message, kLogRecordBuffer - 1 - head, format, args);
+    va_end(args);
+    if (n < 0) *message = '\0';
+  }
+
+  switch (setting) {
+    case LOG_OUT_CONSOLE:
+      std::printf("%s", g_record);
+      return 1;
+    case LOG_OUT_FILE:
+      SDK_LOG_SAVE_FILE(kLogFile, g_record);
+      return 1;
+    case LOG_OUT_BOTH:
+      std::printf("%s", g_record);
+      SDK_LOG_SAVE_FILE(kLogFile, g_record);
+      return 1;
+    default:
+      return 0;
+  }
+}
+
+int SDK_LOG_SAVE_FILE(const char* path, const char* text) { return WriteDATA_To_File(path, text); }
+
+void LOG_FILE_CHECK() {
+  std::lock_guard<std::mutex> lock(g_log_mutex);
+  rotate_if_large();
+}
+
+int getfilesize(const char* path) {
+  const long size = FSU_get_file_size(path);
+  return size > INT_MAX ? INT_MAX : static_cast<int>(size);
+}
+
+std::int32_t log_record_count() { return LOG_CNNT.load(std::memory_order_relaxed); }
+
+void reset_log_for_tests() {
+  std::lock_guard<std::mutex> lock(g_log_mutex);
+  LOG_CNNT.store(0, std::memory_order_relaxed);
+  set_all_levels(LOG_OUT_NONE);
+}
+
+}  // namespace fsu::support

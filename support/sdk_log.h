@@ -61,8 +61,8 @@ constexpr std::size_t kLogHeaderSize = 128;
 int SDK_UPDATE_LOG_HEADER(int level, char* buf);
 
 // The pure part of the header: the text for `level`, broken-down local time `t`, the
-// microseconds of the time of day and the record number. Returns the length written
-// (as snprintf, bounded by `size`).
+// microseconds of the time of day and the record number. Returns the length of the text
+// written, which is cut to fit `size` and always terminated.
 int format_log_header(char* buf, std::size_t size, int level, const std::tm& t, long microseconds,
                       std::int32_t number);
 

@@ -1,0 +1,129 @@
+#include "support/config_reader.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/common/test_sandbox.h"
+
+namespace fsu::support {
+namespace {
+
+const char* const kDtm =
+    "\nconfig dtm 'sys'\n"
+    "\toption note 'see config file'\n"
+    "\toption config_rev '3'\n"
+    "\toption pcas '2'\n"
+    "\toption pcas_sdk '99999'\n"
+    "\toption plain 7\n"
+    "\toption open 'unterminated\n"
+    "config dtm 'net'\n"
+    "\toption apn 'cmnet'\n";
+
+class ConfigReaderTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    sandbox_.write("/etc/config/dtm", kDtm);
+    sandbox_.write("/etc/config/Device", "config device 'info'\n\toption model 'FSU'\n");
+    sandbox_.write("/etc/config/network",
+                   "config interface 'ppp0'\n\toption device '/dev/ttyUSB2'\n");
+    sandbox_.write("/etc/config/system", "config system 'main'\n\toption hostname 'fsu'\n");
+    sdkuci_free();
+  }
+
+  test::TestSandbox sandbox_;
+};
+
+TEST_F(ConfigReaderTest, BothReadersFindOptionsOfTheNamedSectionOnly) {
+  for (auto* read : {&sdkuci_get_ram, &sdkuci_get_flash}) {
+    EXPECT_STREQ(read("uci get dtm.sys.pcas"), "2");
+    EXPECT_STREQ(read("uci get dtm.sys.pcas_sdk"), "99999");
+    EXPECT_STREQ(read("uci get dtm.sys.config_rev"), "3");  // "config" inside a line is no section
+    EXPECT_STREQ(read("uci get dtm.net.apn"), "cmnet");
+    EXPECT_STREQ(read("uci get dtm.sys.apn"), "");    // stands in a later section
+    EXPECT_STREQ(read("uci get dtm.sys.plain"), "");  // value without quotes
+    EXPECT_STREQ(read("uci get dtm.sys.open"), "");   // unterminated quote
+    EXPECT_STREQ(read("uci get network.ppp0.device"), "/dev/ttyUSB2");
+  }
+  EXPECT_STREQ(sdkuci_get_ram("uci get system.main.hostname"), "");
+  EXPECT_STREQ(sdkuci_get_flash("uci get system.main.hostname"), "fsu");
+}
+
+TEST_F(ConfigReaderTest, CacheKeepsOldValuesUntilFreed) {
+  EXPECT_STREQ(sdkuci_get_ram("uci get dtm.sys.pcas"), "2");
+  sandbox_.write("/etc/config/dtm", "config dtm 'sys'\n\toption pcas '1'\n");
+  EXPECT_STREQ(sdkuci_get_ram("uci get dtm.sys.pcas"), "2");
+  EXPECT_STREQ(sdkuci_get_flash("uci get dtm.sys.pcas"), "1");
+  sdkuci_free();
+  EXPECT_STREQ(sdkuci_get_ram("uci get dtm.sys.pcas"), "1");
+}
+
+TEST_F(ConfigReaderTest, UnreadableFileEmptiesItAndTheFilesAfterIt) {
+  std::filesystem::remove(sandbox_.path("/etc/config/dtm"));
+  std::filesystem::create_directory(sandbox_.path("/etc/config/dtm"));  // opens, cannot be read
+  EXPECT_STREQ(sdkuci_get_ram("uci get Device.info.model"), "FSU");
+  EXPECT_STREQ(sdkuci_get_ram("uci get network.ppp0.device"), "");
+
+  std::filesystem::remove(sandbox_.path("/etc/config/dtm"));
+  sandbox_.write("/etc/config/dtm",
+                 std::string(1024 * 1024 + 1, ' ') + kDtm);  // refused: too large
+  sdkuci_free();
+  EXPECT_STREQ(sdkuci_get_ram("uci get network.ppp0.device"), "");
+  EXPECT_STREQ(sdkuci_get_flash("uci get dtm.sys.pcas"), "");
+}
+
+TEST_F(ConfigReaderTest, MalformedCommandsAndFilesGiveEmptyText) {
+  const std::string long_name(50, 'n');
+  for (const std::string& command :
+       {std::string("get dtm.sys.pcas"), std::string("uci get dtm"), std::string("uci get dtm.sys"),
+        std::string("uci get ..pcas"), "uci get dtm.sys." + long_name,
+        "uci get " + long_name + ".a.b", std::string("uci get /etc/config/dtm.sys.pcas")}) {
+    EXPECT_STREQ(sdkuci_get_ram(command.c_str()), "") << command;
+    EXPECT_STREQ(sdkuci_get_flash(command.c_str()), "") << command;
+  }
+  EXPECT_STREQ(sdkuci_get_ram(nullptr), "");
+
+  char config[kUciNameSize], section[kUciNameSize], option[kUciNameSize];
+  ASSERT_TRUE(fill_string("uci get a.b.c.d", config, section, option));
+  EXPECT_STREQ(option, "c.d");
+  EXPECT_TRUE(
+      fill_string(("uci get a.b." + std::string(49, 'o')).c_str(), config, section, option));
+
+  const std::string with_nul =
+      std::string("x\0y", 3) + "config s 'k'\n\toption v '" + std::string(150, 'v') + "'";
+  char value[kUciValueSize];
+  EXPECT_TRUE(uci_get_para(with_nul.data(), with_nul.size(), "k", "v", value));
+  EXPECT_EQ(std::string(value), std::string(99, 'v'));
+  EXPECT_FALSE(
+      uci_get_para(with_nul.data(), with_nul.size() - 1, "k", "v", value));  // quote cut off
+}
+
+TEST_F(ConfigReaderTest, CacheIsSafeAcrossThreads) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([] {
+      for (int i = 0; i < 200; ++i) {
+        EXPECT_STREQ(sdkuci_get_ram("uci get dtm.sys.pcas"), "2");
+        if (i % 10 == 0) sdkuci_free();
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+}
+
+TEST_F(ConfigReaderTest, ListsDirectoryEntries) {
+  const char* names = sdkls("/etc/config");
+  ASSERT_NE(names, nullptr);
+  const std::string listing = names;
+  for (const char* name : {".\n", "..\n", "dtm\n", "system\n"})
+    EXPECT_NE(listing.find(name), std::string::npos);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(sdkls("/etc/none"), nullptr);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "can't open /etc/none\n");
+}
+
+}  // namespace
+}  // namespace fsu::support

@@ -1,0 +1,136 @@
+#include "support/file_helpers.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <regex>
+#include <string>
+
+#include "tests/common/test_sandbox.h"
+
+namespace fsu::support {
+namespace {
+
+class FileHelpersTest : public ::testing::Test {
+ protected:
+  // The value of `key` in a parameter file holding `text`, or "(null)".
+  std::string par(const std::string& text, const char* key) {
+    sandbox_.write("/tmp/req", text);
+    const char* value = BSP_ReadPar("/tmp/req", key);
+    return value != nullptr ? value : "(null)";
+  }
+
+  test::TestSandbox sandbox_;
+};
+
+TEST_F(FileHelpersTest, ReadParTakesTheFirstMatchUpToItsEnd) {
+  EXPECT_EQ(par("set_com=3;set_value=1", "set_com"), "3");
+  EXPECT_EQ(par("set_com=3;set_value=1", "set_value"), "1");
+  EXPECT_EQ(par("com_num=2\r\ncom1_attr=9600", "com"), "num=2");  // plain substring match
+  EXPECT_EQ(par("a=1\ninfo=rest of file", "info"), "rest of file");
+  EXPECT_EQ(par("a=1\ninfo", "info"), "");  // key at the very end: nothing behind it
+  EXPECT_EQ(par("a=1\ninfo=", "info"), "");
+  EXPECT_EQ(par("a=1", "info"), "(null)");
+  EXPECT_EQ(par("", "a"), "(null)");
+  EXPECT_EQ(BSP_ReadPar("/tmp/missing", "a"), nullptr);
+  EXPECT_EQ(BSP_ReadPar(nullptr, "a"), nullptr);
+}
+
+TEST_F(FileHelpersTest, ReadParCopesWithBinaryLargeAndLongValues) {
+  std::string binary;
+  for (int i = 0; i < 1000; ++i) binary += static_cast<char>(i % 256);
+  EXPECT_EQ(par(binary + "LineMAX=12\n", "LineMAX"), "12");
+  EXPECT_EQ(par("k=a" + std::string(1, '\0') + "b", "k"), "a");
+
+  // 1 MiB files, with the key at and around the edge of the reader's 64 KiB window.
+  for (std::size_t at = 65528; at < 65552; at += 2) {
+    std::string big(1 << 20, 'x');
+    big.replace(at, 11, "WaitSec=77;");
+    EXPECT_EQ(par(big, "WaitSec"), "77") << at;
+  }
+
+  EXPECT_EQ(par("info=" + std::string(20000, 'v'), "info").size(), 10000u);
+}
+
+TEST_F(FileHelpersTest, WritesAppendOverwriteAndCreate) {
+  EXPECT_EQ(WriteDATA_To_File("/tmp/out", "12345"), 1);
+  EXPECT_EQ(WriteLOGDATA_To_File("/tmp/out", "678"), 1);
+  EXPECT_EQ(Update_InfoToFile("/tmp/out", "AB"), 1);
+  EXPECT_EQ(sandbox_.read("/tmp/out"), "AB345678");
+  struct stat st;
+  ASSERT_EQ(stat(sandbox_.path("/tmp/out").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0700u);
+  EXPECT_EQ(IsFileExist("/tmp/out"), 1);
+  EXPECT_EQ(FSU_get_file_size("/tmp/out"), 8);
+  EXPECT_EQ(FSU_get_file_size("/tmp/none"), -1);
+
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(WriteDATA_To_File("/tmp/no/dir", "x"), -1);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("open"), std::string::npos);
+
+  char buf[6] = {};
+  EXPECT_EQ(Read_Data_File("/tmp/out", buf, 5), 5);
+  EXPECT_STREQ(buf, "AB345");
+  char wide[64] = {};
+  EXPECT_EQ(Read_Data_File("/tmp/out", wide, sizeof wide), 8);
+  EXPECT_EQ(Read_Data_File("/tmp/none", wide, sizeof wide), 0);
+  EXPECT_EQ(Read_Data_File("/tmp/out", nullptr, 8), 0);
+  EXPECT_EQ(Read_Data_File("/tmp/out", wide, 0), 0);
+
+  const int fd = FSU_get_fd("/tmp/out");
+  ASSERT_GE(fd, 0);
+  EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);  // never leaked into shell commands
+  close(fd);
+}
+
+TEST_F(FileHelpersTest, CommandOutputIsBoundedAndFiltered) {
+  char buf[64];
+  EXPECT_STREQ(syscmd_read("echo hello world", buf, sizeof buf), "hello world\n");
+  EXPECT_STREQ(ReadsyscmdReturn("echo hello world", buf, sizeof buf), "hello");
+  EXPECT_STREQ(syscmd_read("echo abcdef", buf, 4), "abc");
+  EXPECT_STREQ(syscmd_read("echo No such Entry", buf, sizeof buf), "");
+  EXPECT_STREQ(syscmd_read("echo can\\'t open", buf, sizeof buf), "");
+  EXPECT_EQ(syscmd_read("echo x", nullptr, 8), nullptr);
+}
+
+TEST_F(FileHelpersTest, HexLogRecordsAndTheirLimits) {
+  const unsigned char tx[] = {0x01, 0x03, 0x00, 0x0A, 0xC5};
+  const unsigned char rx[] = {0x01, 0x83, 0xFF};
+  BSP_SAVE_HEX_LOG("Local/Uart/3", tx, 5, 0, 1000, 12);
+  BSP_SAVE_HEX_LOG("Local/Uart/3", rx, 3, 1, 1000, 12);
+  EXPECT_TRUE(std::regex_match(
+      sandbox_.read("/tmp/comlog.log"),
+      std::regex("\r\n\\[\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\]:\\[Local/Uart/3\\]"
+                 "\\[00012\\]\r\nTX:01 03 00 0A C5 \r\nRX:01 83 FF ")));
+
+  BSP_SAVE_HEX_LOG_Virtual("Local/Uart/13", tx, 1, 0, 1000, 1000);
+  EXPECT_NE(sandbox_.read("/tmp/comlog.log")
+                .find("[Local/Uart/13][01000(this is a Virtual com)]\r\nTX:01 "
+                      "\r\nRX(this is a Virtual com):"),
+            std::string::npos);
+  EXPECT_EQ(BSP_SAVE_HEX_LOG("Local/Uart/3", tx, 5, 0, 1000, 1001), -2);
+  EXPECT_EQ(BSP_SAVE_HEX_LOG("Local/Uart/3", tx, 0, 0, 1000, 1), -1);
+  EXPECT_EQ(BSP_SAVE_DTU_HEX_LOG(rx, -3), -1);
+
+  EXPECT_EQ(BSP_SAVE_DTU_HEX_LOG(rx, 3), 1);
+  EXPECT_EQ(sandbox_.read("/tmp/web_dtu_com_log.log"), "01 83 FF ");
+  const std::string block(10000, '\x5A');  // far more than one record holds
+  BSP_SAVE_DTU_HEX_LOG(reinterpret_cast<const unsigned char*>(block.data()), 10000);
+  EXPECT_EQ(FSU_get_file_size("/tmp/web_dtu_com_log.log"), 9 + 20479);  // cut at the buffer
+}
+
+TEST(TimeHelpers, ConvertBetweenTextAndEpochSeconds) {
+  setenv("TZ", "UTC", 1);
+  tzset();
+  EXPECT_STREQ(Return_systime_string(0), "1970-01-01 00:00:00");
+  EXPECT_EQ(strtotime("2026-03-04 09:05:07"), 1772615107);
+  EXPECT_STREQ(Return_systime_string(1772615107), "2026-03-04 09:05:07");
+  EXPECT_EQ(strtotime("not a date"), -1);
+  EXPECT_LE(std::labs(READ_SYSTEM_UnixTime() - static_cast<long>(time(nullptr))), 1);
+}
+
+}  // namespace
+}  // namespace fsu::support

@@ -1,0 +1,194 @@
+#include "support/sdk_log.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/common/test_sandbox.h"
+
+namespace fsu::support {
+namespace {
+
+constexpr long kRotate = 2097152;
+
+class SdkLogTest : public ::testing::Test {
+ protected:
+  void SetUp() override { reset_log_for_tests(); }
+  long log_size() const { return getfilesize(kLogFile); }
+
+  test::TestSandbox sandbox_;
+};
+
+// Record numbers in the order the records stand in `text`.
+std::vector<int> record_numbers(const std::string& text) {
+  std::vector<int> numbers;
+  for (std::size_t at = text.find("Line="); at != std::string::npos;
+       at = text.find("Line=", at + 1)) {
+    numbers.push_back(std::stoi(text.substr(at + 5, 10)));
+  }
+  return numbers;
+}
+
+void run_threads(int threads, int records, const char* padding) {
+  std::vector<std::thread> workers;
+  for (int t = 0; t < threads; ++t) {
+    workers.emplace_back([=] {
+      for (int i = 0; i < records; ++i) SDK_LOG_WRITE(SDK_LOG_SYS, "t=%d,i=%d,%s", t, i, padding);
+    });
+  }
+  for (auto& w : workers) w.join();
+}
+
+TEST(SdkLogHeader, IsByteExactForEveryLevel) {
+  std::tm t{};
+  t.tm_year = 2026 - 1900;
+  t.tm_mon = 2;
+  t.tm_mday = 4;
+  t.tm_hour = 9;
+  t.tm_min = 5;
+  t.tm_sec = 7;
+  char buf[kLogHeaderSize];
+  format_log_header(buf, sizeof buf, SDK_LOG_DEBUG, t, 42999, 17);
+  EXPECT_STREQ(buf, "\r\n[2026-03-04 09:05:07.42 sdk_DEBUG Line=0000000017]:");
+  format_log_header(buf, sizeof buf, SDK_LOG_SO, t, 5000, 3);
+  EXPECT_STREQ(buf, "\r\n[2026-03-04 09:05:07.5 sdk_SO    Line=0000000003]:");
+
+  const std::pair<int, const char*> words[] = {
+      {1, "sdk_SQL  "}, {2, "sdk_ERROR"}, {3, "sdk_NET  "},  {4, "sdk_SO   "},
+      {5, "sdk_SYS  "}, {6, "sdk_PIC  "}, {7, "sdk_OTHER"},  {8, "sdk_DEBUG"},
+      {0, "sdk_OTHER"}, {9, "sdk_OTHER"}, {42, "sdk_OTHER"}, {-1, "sdk_OTHER"}};
+  for (const auto& [level, word] : words) {
+    const int n = format_log_header(buf, sizeof buf, level, t, 999000, 1);
+    EXPECT_EQ(std::string(buf).substr(27), std::string(word) + " Line=0000000001]:") << level;
+    EXPECT_EQ(n, 27 + 27);  // stamp, then the 22-character literal with ten digits for "%010d"
+  }
+}
+
+TEST_F(SdkLogTest, EachLevelReadsItsOwnSettingAndUsesANumber) {
+  auto& p = STR_LOG_PAR;
+  p.sql = 11, p.error = 12, p.net = 13, p.so = 14, p.sys = 15, p.pic = 16, p.other = 17,
+  p.debug = 18;
+  char buf[kLogHeaderSize];
+  for (int level = 1; level <= 8; ++level) EXPECT_EQ(SDK_UPDATE_LOG_HEADER(level, buf), 10 + level);
+  for (int level : {0, 9, 42, -5}) EXPECT_EQ(SDK_UPDATE_LOG_HEADER(level, buf), 17);
+  EXPECT_EQ(log_record_count(), 12);
+  EXPECT_EQ(SDK_UPDATE_LOG_HEADER(SDK_LOG_SYS, nullptr), 0);
+  EXPECT_EQ(log_record_count(), 12);
+
+  SDK_LOG_PAR_INIT();
+  const auto fields = {&p.sql, &p.error, &p.net, &p.so, &p.pic, &p.sys, &p.other, &p.debug};
+  for (auto* f : fields) EXPECT_EQ(f->load(), 2);
+  SDK_LOG_PAR_INIT_NOPRINTF();
+  for (auto* f : fields) EXPECT_EQ(f->load(), 0);
+}
+
+TEST_F(SdkLogTest, SuppressedRecordsTouchNoFileButUseNumbers) {
+  EXPECT_EQ(SDK_LOG_WRITE(SDK_LOG_SYS, "before init"), 0);
+  EXPECT_FALSE(sandbox_.exists(kLogFile));
+
+  sandbox_.write(kLogFile, std::string(kRotate + 1, 'x'));
+  SDK_LOG_PAR_INIT_NOPRINTF();
+  EXPECT_EQ(SDK_LOG_WRITE(SDK_LOG_SYS, "silenced"), 0);
+  EXPECT_EQ(log_size(), kRotate + 1);  // not even checked for size
+  EXPECT_FALSE(sandbox_.exists(kLogZip));
+
+  std::filesystem::remove(sandbox_.path(kLogFile));
+  STR_LOG_PAR.sys = 4;  // formatted, then dropped
+  EXPECT_EQ(SDK_LOG_WRITE(SDK_LOG_SYS, "dropped"), 0);
+  EXPECT_FALSE(sandbox_.exists(kLogFile));
+
+  SDK_LOG_PAR_INIT();
+  EXPECT_EQ(SDK_LOG_WRITE(SDK_LOG_DEBUG, "fun=%s,line =%d", "SoftDogFeed", 455), 1);
+  const std::string text = sandbox_.read(kLogFile);
+  EXPECT_TRUE(std::regex_match(
+      text, std::regex("\r\n\\[\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{1,3} "
+                       "sdk_DEBUG Line=0000000004\\]:fun=SoftDogFeed,line =455")))
+      << text;
+}
+
+TEST_F(SdkLogTest, ConsoleRecordsGoToStandardOutputOnly) {
+  STR_LOG_PAR.net = LOG_OUT_CONSOLE;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(SDK_LOG_WRITE(SDK_LOG_NET, "csq=%d", 31), 1);
+  const std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_TRUE(out.starts_with("\r\n[")) << out;
+  EXPECT_TRUE(out.ends_with(" sdk_NET   Line=0000000001]:csq=31")) << out;
+  EXPECT_FALSE(sandbox_.exists(kLogFile));
+}
+
+TEST_F(SdkLogTest, RotatesOnlyAboveTwoMebibytes) {
+  SDK_LOG_PAR_INIT();
+  sandbox_.write(kLogFile, std::string(kRotate, 'x'));
+  SDK_LOG_WRITE(SDK_LOG_SYS, "kept");
+  EXPECT_GT(log_size(), kRotate);
+  EXPECT_FALSE(sandbox_.exists(kLogZip));
+
+  sandbox_.write(kLogZip, "older generation");
+  SDK_LOG_WRITE(SDK_LOG_SYS, "fresh");
+  const std::string log = sandbox_.read(kLogFile);
+  EXPECT_EQ(record_numbers(log), std::vector<int>{2});
+  EXPECT_EQ(log.substr(log.size() - 7), "]:fresh");
+  EXPECT_EQ(sandbox_.read(kLogZip).substr(0, 2), "PK");  // replaced by the packed log
+}
+
+TEST_F(SdkLogTest, LongMessageIsCutAtTheRecordLimit) {
+  SDK_LOG_PAR_INIT();
+  const std::string message(200000, 'm');
+  EXPECT_EQ(SDK_LOG_WRITE(SDK_LOG_SYS, "%s", message.c_str()), 1);
+  EXPECT_EQ(log_size(), 102398);
+}
+
+TEST_F(SdkLogTest, UnwritableLogReportsOpenAndStillCountsAsOutput) {
+  std::filesystem::remove_all(sandbox_.path("/tmp"));
+  SDK_LOG_PAR_INIT();
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(SDK_LOG_WRITE(SDK_LOG_SYS, "lost"), 1);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("open"), std::string::npos);
+}
+
+TEST_F(SdkLogTest, ConcurrentFileRecordsAreWholeAndInOrder) {
+  SDK_LOG_PAR_INIT();
+  const std::string padding(300, 'p');
+  run_threads(4, 500, padding.c_str());
+  const std::string text = sandbox_.read(kLogFile);
+  const std::regex record("\\[[-0-9: .]+ sdk_SYS   Line=\\d{10}\\]:t=\\d,i=\\d+," + padding);
+  std::size_t records = 0;
+  for (std::size_t at = 2; at < text.size(); ++records) {
+    const std::size_t next = std::min(text.find("\r\n", at), text.size());
+    ASSERT_TRUE(std::regex_match(text.substr(at, next - at), record)) << text.substr(at, next - at);
+    at = next + 2;
+  }
+  EXPECT_EQ(records, 2000u);
+  const std::vector<int> numbers = record_numbers(text);
+  for (std::size_t i = 0; i < numbers.size(); ++i) ASSERT_EQ(numbers[i], static_cast<int>(i + 1));
+}
+
+TEST_F(SdkLogTest, EightyThousandConcurrentRecordsAreNumberedWithoutGapOrRepeat) {
+  for (auto* f : {&STR_LOG_PAR.sys, &STR_LOG_PAR.other}) *f = LOG_OUT_CONSOLE;
+  const std::string out_path = sandbox_.path("/tmp/stdout.txt");
+  std::fflush(stdout);
+  const int saved = dup(STDOUT_FILENO);
+  FILE* out = std::fopen(out_path.c_str(), "w");
+  ASSERT_NE(out, nullptr);
+  dup2(fileno(out), STDOUT_FILENO);
+  run_threads(8, 10000, "");
+  std::fflush(stdout);
+  dup2(saved, STDOUT_FILENO);
+  close(saved);
+  std::fclose(out);
+
+  std::vector<int> numbers = record_numbers(sandbox_.read("/tmp/stdout.txt"));
+  ASSERT_EQ(numbers.size(), 80000u);
+  std::sort(numbers.begin(), numbers.end());
+  for (int i = 0; i < 80000; ++i) ASSERT_EQ(numbers[i], i + 1);
+}
+
+}  // namespace
+}  // namespace fsu::support
