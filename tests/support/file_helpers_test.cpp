@@ -22,37 +22,29 @@ class FileHelpersTest : public ::testing::Test {
     const char* value = BSP_ReadPar("/tmp/req", key);
     return value != nullptr ? value : "(null)";
   }
-
   test::TestSandbox sandbox_;
 };
 
-TEST_F(FileHelpersTest, ReadParTakesTheFirstMatchUpToItsEnd) {
+TEST_F(FileHelpersTest, ReadParFindsValuesInTextBinaryAndLargeFiles) {
   EXPECT_EQ(par("set_com=3;set_value=1", "set_com"), "3");
   EXPECT_EQ(par("set_com=3;set_value=1", "set_value"), "1");
   EXPECT_EQ(par("com_num=2\r\ncom1_attr=9600", "com"), "num=2");  // plain substring match
   EXPECT_EQ(par("a=1\ninfo=rest of file", "info"), "rest of file");
   EXPECT_EQ(par("a=1\ninfo", "info"), "");  // key at the very end: nothing behind it
-  EXPECT_EQ(par("a=1\ninfo=", "info"), "");
   EXPECT_EQ(par("a=1", "info"), "(null)");
   EXPECT_EQ(par("", "a"), "(null)");
   EXPECT_EQ(BSP_ReadPar("/tmp/missing", "a"), nullptr);
-  EXPECT_EQ(BSP_ReadPar(nullptr, "a"), nullptr);
-}
+  EXPECT_EQ(par("info=" + std::string(20000, 'v'), "info").size(), 10000u);
 
-TEST_F(FileHelpersTest, ReadParCopesWithBinaryLargeAndLongValues) {
   std::string binary;
   for (int i = 0; i < 1000; ++i) binary += static_cast<char>(i % 256);
   EXPECT_EQ(par(binary + "LineMAX=12\n", "LineMAX"), "12");
-  EXPECT_EQ(par("k=a" + std::string(1, '\0') + "b", "k"), "a");
-
   // 1 MiB files, with the key at and around the edge of the reader's 64 KiB window.
   for (std::size_t at = 65528; at < 65552; at += 2) {
     std::string big(1 << 20, 'x');
     big.replace(at, 11, "WaitSec=77;");
     EXPECT_EQ(par(big, "WaitSec"), "77") << at;
   }
-
-  EXPECT_EQ(par("info=" + std::string(20000, 'v'), "info").size(), 10000u);
 }
 
 TEST_F(FileHelpersTest, WritesAppendOverwriteAndCreate) {
@@ -63,22 +55,14 @@ TEST_F(FileHelpersTest, WritesAppendOverwriteAndCreate) {
   struct stat st;
   ASSERT_EQ(stat(sandbox_.path("/tmp/out").c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0700u);
-  EXPECT_EQ(IsFileExist("/tmp/out"), 1);
-  EXPECT_EQ(FSU_get_file_size("/tmp/out"), 8);
-  EXPECT_EQ(FSU_get_file_size("/tmp/none"), -1);
-
   testing::internal::CaptureStderr();
   EXPECT_EQ(WriteDATA_To_File("/tmp/no/dir", "x"), -1);
   EXPECT_NE(testing::internal::GetCapturedStderr().find("open"), std::string::npos);
 
-  char buf[6] = {};
-  EXPECT_EQ(Read_Data_File("/tmp/out", buf, 5), 5);
-  EXPECT_STREQ(buf, "AB345");
-  char wide[64] = {};
-  EXPECT_EQ(Read_Data_File("/tmp/out", wide, sizeof wide), 8);
-  EXPECT_EQ(Read_Data_File("/tmp/none", wide, sizeof wide), 0);
-  EXPECT_EQ(Read_Data_File("/tmp/out", nullptr, 8), 0);
-  EXPECT_EQ(Read_Data_File("/tmp/out", wide, 0), 0);
+  char buf[64];
+  EXPECT_EQ(Read_Data_File("/tmp/out", buf, 5), 5);  // bounded by the buffer, then by the file
+  EXPECT_EQ(Read_Data_File("/tmp/out", buf, sizeof buf), 8);
+  EXPECT_EQ(Read_Data_File("/tmp/none", buf, sizeof buf), 0);
 
   const int fd = FSU_get_fd("/tmp/out");
   ASSERT_GE(fd, 0);
@@ -93,7 +77,6 @@ TEST_F(FileHelpersTest, CommandOutputIsBoundedAndFiltered) {
   EXPECT_STREQ(syscmd_read("echo abcdef", buf, 4), "abc");
   EXPECT_STREQ(syscmd_read("echo No such Entry", buf, sizeof buf), "");
   EXPECT_STREQ(syscmd_read("echo can\\'t open", buf, sizeof buf), "");
-  EXPECT_EQ(syscmd_read("echo x", nullptr, 8), nullptr);
 }
 
 TEST_F(FileHelpersTest, HexLogRecordsAndTheirLimits) {
@@ -101,16 +84,14 @@ TEST_F(FileHelpersTest, HexLogRecordsAndTheirLimits) {
   const unsigned char rx[] = {0x01, 0x83, 0xFF};
   BSP_SAVE_HEX_LOG("Local/Uart/3", tx, 5, 0, 1000, 12);
   BSP_SAVE_HEX_LOG("Local/Uart/3", rx, 3, 1, 1000, 12);
-  EXPECT_TRUE(std::regex_match(
-      sandbox_.read("/tmp/comlog.log"),
-      std::regex("\r\n\\[\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\]:\\[Local/Uart/3\\]"
-                 "\\[00012\\]\r\nTX:01 03 00 0A C5 \r\nRX:01 83 FF ")));
-
+  EXPECT_TRUE(std::regex_match(sandbox_.read("/tmp/comlog.log"),
+                               std::regex("\r\n\\[\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\]:"
+                                          "\\[Local/Uart/3\\]\\[00012\\]\r\nTX:01 03 00 0A C5 "
+                                          "\r\nRX:01 83 FF ")));
   BSP_SAVE_HEX_LOG_Virtual("Local/Uart/13", tx, 1, 0, 1000, 1000);
-  EXPECT_NE(sandbox_.read("/tmp/comlog.log")
-                .find("[Local/Uart/13][01000(this is a Virtual com)]\r\nTX:01 "
-                      "\r\nRX(this is a Virtual com):"),
-            std::string::npos);
+  EXPECT_TRUE(sandbox_.read("/tmp/comlog.log")
+                  .ends_with("[Local/Uart/13][01000(this is a Virtual com)]\r\nTX:01 "
+                             "\r\nRX(this is a Virtual com):"));
   EXPECT_EQ(BSP_SAVE_HEX_LOG("Local/Uart/3", tx, 5, 0, 1000, 1001), -2);
   EXPECT_EQ(BSP_SAVE_HEX_LOG("Local/Uart/3", tx, 0, 0, 1000, 1), -1);
   EXPECT_EQ(BSP_SAVE_DTU_HEX_LOG(rx, -3), -1);
@@ -127,9 +108,7 @@ TEST(TimeHelpers, ConvertBetweenTextAndEpochSeconds) {
   tzset();
   EXPECT_STREQ(Return_systime_string(0), "1970-01-01 00:00:00");
   EXPECT_EQ(strtotime("2026-03-04 09:05:07"), 1772615107);
-  EXPECT_STREQ(Return_systime_string(1772615107), "2026-03-04 09:05:07");
   EXPECT_EQ(strtotime("not a date"), -1);
-  EXPECT_LE(std::labs(READ_SYSTEM_UnixTime() - static_cast<long>(time(nullptr))), 1);
 }
 
 }  // namespace
