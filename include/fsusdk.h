@@ -33,6 +33,17 @@ int ReadResourceAlias(const char *name, char *alias, int size);
 /* Writes the state of a resource (always 0) into state. */
 int GetResourceState(const char *name, int *state);
 
+/* ---- Serial ports ("Local/Uart/1" to "Local/Uart/16") ---- */
+
+/* Sets the line parameters: baud rate, data bits (5-8), stop bits (1, 2), parity (0 none, 1 odd, 2 even). */
+int SetUartParam(const char *name, int iBaudRate, int iDataSize, int iStopBit, int iParity);
+/* Reads back the line parameters last set. */
+int GetUartParam(const char *name, int *iBaudRate, int *iDataSize, int *iStopBit, int *iParity);
+/* Sends len bytes of buf out of the port. */
+int WriteUart(const char *name, const char *buf, int len);
+/* Takes up to len received bytes into buf, waiting up to timeout ms once; returns the count. */
+int ReadUart(const char *name, char *buf, int len, int timeout);
+
 #ifdef __cplusplus
 }
 #endif

@@ -10,6 +10,7 @@
 #include "platform/command_runner.h"
 #include "platform/sandbox_root.h"
 #include "sdk/resource_catalogue.h"
+#include "serial/serial_ports.h"
 #include "support/bounded_text.h"
 #include "support/file_helpers.h"
 #include "support/sdk_log.h"
@@ -67,6 +68,9 @@ extern "C" int InitializeSDK(void) {
   fsu::support::SDK_LOG_PAR_INIT();
   SDK_LOG_WRITE(SDK_LOG_SYS, "InitializeSDK");
   SYSTEM_INIT();
+  fsu::serial::M_COM_INIT();
+  fsu::serial::BSP_BAU_INIT();
+  fsu::serial::FSU_COM_READ_THREAD_START();
   // Give the board links time to answer before the counts are taken from their flags.
   fsu::platform::sleep_s(2);
   BSP_Resource_CHECK();

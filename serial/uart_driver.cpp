@@ -1,0 +1,245 @@
+#include "serial/uart_driver.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "platform/sandbox_root.h"
+#include "support/sdk_log.h"
+
+namespace fsu::serial {
+namespace {
+
+constexpr const char* kModule = "uart_driver.cpp";
+
+std::uint32_t fail(const char* function, int line, std::uint32_t code) {
+  std::printf("ERROR: FILE:%s, FUNCTION:%s, LINE:%d, ErrNo:0x%08x.\n", kModule, function, line, code);
+  return code;
+}
+
+void assert_null(const char* function, int line) {
+  std::printf("ASSERT: FILE: %s, FUNCTION:%s, LINE: %d, x=NULL!\n", kModule, function, line);
+}
+
+struct BaudRow {
+  std::uint32_t rate;
+  speed_t speed;
+};
+constexpr BaudRow kBaudTable[] = {{300, B300},     {600, B600},     {1200, B1200},   {1800, B1800},
+                                  {2400, B2400},   {4800, B4800},   {9600, B9600},   {19200, B19200},
+                                  {38400, B38400}, {57600, B57600}, {115200, B115200}};
+
+// Writes all of buf to fd; false on the first failing write.
+bool write_all(int fd, const std::uint8_t* p, std::uint32_t len, std::uint32_t* total) {
+  while (*total < len) {
+    const ssize_t n = write(fd, p + *total, len - *total);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    *total += static_cast<std::uint32_t>(n);
+  }
+  return true;
+}
+
+}  // namespace
+
+const std::int32_t g_nComSlots = kComSlots;
+
+BSP_COM_OBJ g_stComObj[kComSlots] = {
+    {"/dev/ttymxc1", -1}, {"/dev/ttymxc2", -1}, {"/dev/ttymxc3", -1}, {"/dev/ttymxc4", -1},
+    {"/dev/ttymxc5", -1}, {"/dev/ttymxc6", -1}, {"/dev/ttymxc7", -1}};
+
+std::mutex COM_WRITE_LOCK[16];
+
+std::uint32_t BSP_ComGetSlots() { return static_cast<std::uint32_t>(g_nComSlots); }
+
+std::uint32_t BSP_ComCreate(std::uint32_t slot) {
+  if (slot >= static_cast<std::uint32_t>(g_nComSlots)) return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
+  BSP_COM_OBJ& obj = g_stComObj[slot];
+  obj.nFd.store(-1);
+  // O_CLOEXEC keeps the port out of the shell commands the SDK runs.
+  const int fd = open(platform::DevicePath(obj.szPath).c_str(), O_RDWR | O_DSYNC | O_CLOEXEC);
+  if (fd < 0) {
+    std::printf("BSP_ComCreate(%d, %s) Failed !\n", static_cast<int>(slot), obj.szPath);
+    return fail(__func__, __LINE__, BSP_COM_ERR_DEVICE);
+  }
+  obj.nFd.store(fd);
+  std::printf("BSP_ComCreate(%d, %s) success !\n", static_cast<int>(slot), obj.szPath);
+  return 0;
+}
+
+std::uint32_t BSP_ComDestroy(std::uint32_t slot) {
+  if (slot >= static_cast<std::uint32_t>(g_nComSlots)) return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
+  const int fd = g_stComObj[slot].nFd.exchange(-1);
+  if (fd >= 0) close(fd);
+  return 0;
+}
+
+std::uint32_t BSP_ComGetCapbility(std::uint32_t slot, BSP_COM_CAPS* caps) {
+  if (slot >= static_cast<std::uint32_t>(g_nComSlots)) return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
+  if (caps == nullptr) {
+    assert_null(__func__, __LINE__);
+    return BSP_COM_ERR_PARAM;
+  }
+  if (caps->nSize != sizeof(BSP_COM_CAPS)) return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
+  caps->nMinBaudrate = 600;
+  caps->nMaxBaudrate = 115200;
+  return 0;
+}
+
+std::uint32_t build_termios(const BSP_COM_PARAMS& params, termios* t) {
+  cfmakeraw(t);
+  const BaudRow* row = nullptr;
+  for (const BaudRow& r : kBaudTable) {
+    if (r.rate == params.nBaudrate) row = &r;
+  }
+  if (row == nullptr) {
+    std::printf("Unsupported nBaudrate %d\n", static_cast<int>(params.nBaudrate));
+    return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
+  }
+  cfsetispeed(t, row->speed);
+  cfsetospeed(t, row->speed);
+
+  switch (params.nParity) {
+    case 0:
+      t->c_cflag &= ~static_cast<tcflag_t>(PARENB);
+      t->c_iflag &= ~static_cast<tcflag_t>(INPCK);
+      break;
+    case 1:
+      t->c_cflag |= PARENB | PARODD;
+      t->c_iflag |= INPCK;
+      break;
+    case 2:
+      t->c_cflag |= PARENB;
+      t->c_cflag &= ~static_cast<tcflag_t>(PARODD);
+      t->c_iflag |= INPCK;
+      break;
+    default:
+      std::printf("Unsupported parity %d\n", static_cast<int>(params.nParity));
+      return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
+  }
+
+  t->c_cflag &= ~static_cast<tcflag_t>(CSIZE);
+  switch (params.nDataBits) {
+    case 5: t->c_cflag |= CS5; break;
+    case 6: t->c_cflag |= CS6; break;
+    case 7: t->c_cflag |= CS7; break;
+    case 8: t->c_cflag |= CS8; break;
+    default:
+      std::printf("Unsupported data bits %d\n", static_cast<int>(params.nDataBits));
+      return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
+  }
+
+  t->c_cflag &= ~static_cast<tcflag_t>(CSTOPB);
+  switch (params.nStopBits) {
+    case 0:
+    case 1: break;
+    case 2: t->c_cflag |= CSTOPB; break;
+    default:
+      std::printf("Unsupported stop bits %d\n", static_cast<int>(params.nStopBits));
+      return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
+  }
+
+  t->c_cc[VTIME] = 0;
+  t->c_cc[VMIN] = 0;
+  return 0;
+}
+
+std::uint32_t BSP_ComSetParams(std::uint32_t slot, const BSP_COM_PARAMS* params) {
+  if (slot >= static_cast<std::uint32_t>(g_nComSlots)) return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
+  if (params == nullptr) {
+    assert_null(__func__, __LINE__);
+    return BSP_COM_ERR_PARAM;
+  }
+  if (params->nSize != sizeof(BSP_COM_PARAMS)) return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
+  const int fd = g_stComObj[slot].nFd.load();
+  if (fd < 0) return fail(__func__, __LINE__, BSP_COM_ERR_DEVICE);
+
+  termios t{};
+  if (tcgetattr(fd, &t) != 0) {
+    std::printf("tcgetattr(%d) failed %d!!\n", static_cast<int>(slot), errno);
+    return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
+  }
+  if (const std::uint32_t rc = build_termios(*params, &t); rc != 0) return rc;
+  if (const int rc = tcflush(fd, TCIOFLUSH); rc != 0) {
+    std::printf("tcflush(%d) failed!, %d\n ", static_cast<int>(slot), rc);
+    return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
+  }
+  if (const int rc = tcsetattr(fd, TCSANOW, &t); rc != 0) {
+    std::printf("Tcsetattr(Com = %d) failed !! %d\n", static_cast<int>(slot), rc);
+    return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
+  }
+  return 0;
+}
+
+std::uint32_t BSP_ComWrite(std::uint32_t slot, const void* buf, std::uint32_t len, std::uint32_t* written) {
+  if (slot >= static_cast<std::uint32_t>(g_nComSlots)) return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
+  if (written == nullptr || (buf == nullptr && len > 0)) {
+    assert_null(__func__, __LINE__);
+    return BSP_COM_ERR_PARAM;
+  }
+  *written = 0;
+  std::lock_guard<std::mutex> lock(COM_WRITE_LOCK[slot]);
+  const int fd = g_stComObj[slot].nFd.load();
+  if (fd < 0) return fail(__func__, __LINE__, BSP_COM_ERR_DEVICE);
+  std::uint32_t total = 0;
+  if (!write_all(fd, static_cast<const std::uint8_t*>(buf), len, &total)) {
+    return fail(__func__, __LINE__, BSP_COM_ERR_IO);
+  }
+  *written = total;
+  return 0;
+}
+
+std::uint32_t BSP_ComRead(std::uint32_t slot, void* buf, std::uint32_t len, std::uint32_t* nread) {
+  if (slot >= static_cast<std::uint32_t>(g_nComSlots)) return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
+  if (nread == nullptr || buf == nullptr) {
+    assert_null(__func__, __LINE__);
+    return BSP_COM_ERR_PARAM;
+  }
+  *nread = 0;
+  const int fd = g_stComObj[slot].nFd.load();
+  if (fd < 0) return fail(__func__, __LINE__, BSP_COM_ERR_DEVICE);
+  const ssize_t n = read(fd, buf, len);
+  if (n < 0) return fail(__func__, __LINE__, BSP_COM_ERR_IO);
+  *nread = static_cast<std::uint32_t>(n);
+  return 0;
+}
+
+std::uint32_t BSP_ComFlush(std::uint32_t slot) {
+  if (slot >= static_cast<std::uint32_t>(g_nComSlots)) return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
+  const int fd = g_stComObj[slot].nFd.load();
+  if (fd < 0) return fail(__func__, __LINE__, BSP_COM_ERR_DEVICE);
+  if (tcflush(fd, TCIOFLUSH) != 0) return fail(__func__, __LINE__, BSP_COM_ERR_DEVICE);
+  return 0;
+}
+
+std::uint32_t GPS_COM_WRITE(const void* buf, std::uint32_t len, std::uint32_t* written) {
+  if (written == nullptr || (buf == nullptr && len > 0)) {
+    assert_null(__func__, __LINE__);
+    return BSP_COM_ERR_PARAM;
+  }
+  *written = 0;
+  const int fd = g_stComObj[6].nFd.load();
+  if (fd < 0) return fail(__func__, __LINE__, BSP_COM_ERR_DEVICE);
+  const auto* p = static_cast<const std::uint8_t*>(buf);
+  std::uint32_t total = 0;
+  while (total < len) {
+    const ssize_t n = write(fd, p + total, len - total);
+    // The buffer is logged as text: the receiver's commands are NMEA-style lines.
+    support::SDK_LOG_WRITE(support::SDK_LOG_SYS, "%d=GPS_COM_WRITE(%d,%.*s,%d)\r\n", static_cast<int>(n), fd,
+                           static_cast<int>(len - total), reinterpret_cast<const char*>(p + total),
+                           static_cast<int>(len - total));
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return fail(__func__, __LINE__, BSP_COM_ERR_IO);
+    }
+    total += static_cast<std::uint32_t>(n);
+  }
+  *written = total;
+  return 0;
+}
+
+}  // namespace fsu::serial
