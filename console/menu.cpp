@@ -81,8 +81,14 @@ void run_item(int item) {
     case 8893:
       UpdateSDK("/tmp/dt_sdk_upgrade.gz");
       break;
-    default:  // not an item: the menu is drawn again
-      break;
+    default:
+      // Hidden items 110 to 181: 100 + 10 x output + value switches relay output 1 to 8.
+      if (item >= 110 && item <= 181 && item % 10 <= 1) {
+        char name[32];
+        std::snprintf(name, sizeof name, "Local/DO/%d", (item - 100) / 10);
+        SetDOValue(name, item % 10);
+      }
+      break;  // anything else is not an item: the menu is drawn again
   }
 }
 

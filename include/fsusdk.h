@@ -33,6 +33,30 @@ int ReadResourceAlias(const char *name, char *alias, int size);
 /* Writes the state of a resource (always 0) into state. */
 int GetResourceState(const char *name, int *state);
 
+/* ---- Points: analogue and digital inputs, relay outputs, batteries, LEDs ---- */
+
+/* Reads an analogue input: type 0 its voltage in volts, any other type its current in mA. */
+int GetAIValue(const char *name, int type, float *value);
+/* The same reading as text ("%f") in text, which must hold 32 bytes. */
+int GetAIValue_String(const char *name, int type, char *text);
+/* Reads a digital input: 1 contact closed, 0 open. */
+int GetDIValue(const char *name, int *value);
+/* Switches a relay output: 0 off, 1 on. */
+int SetDOValue(const char *name, int value);
+/* Battery readings are not provided: always -1, value untouched. */
+int GetBatValue(const char *name, float *value);
+/* Switches an LED (0 off, other on) and takes the LEDs over from the SDK; always returns -1. */
+int SetLEDValue(const char *name, int value);
+
+/* ---- Software watchdog ---- */
+
+/* Arms (enable 1) or disarms the watchdog with a feed interval in milliseconds. */
+int SoftDogEnable(int enable, unsigned int interval_ms);
+/* Changes the feed interval (counts as a feed). */
+int SoftDogFeedInterval(unsigned int interval_ms);
+/* Feeds the watchdog: the device reboots when it goes unfed for the interval plus 60 s. */
+int SoftDogFeed(void);
+
 /* ---- Serial ports ("Local/Uart/1" to "Local/Uart/16") ---- */
 
 /* Sets the line parameters: baud rate, data bits (5-8), stop bits (1, 2), parity (0 none, 1 odd, 2 even). */

@@ -9,7 +9,9 @@
 #include "platform/clock.h"
 #include "platform/command_runner.h"
 #include "platform/sandbox_root.h"
+#include "board/software_watchdog.h"
 #include "sdk/resource_catalogue.h"
+#include "sdk/sdk_leds.h"
 #include "serial/serial_ports.h"
 #include "support/bounded_text.h"
 #include "support/file_helpers.h"
@@ -68,13 +70,17 @@ extern "C" int InitializeSDK(void) {
   fsu::support::SDK_LOG_PAR_INIT();
   SDK_LOG_WRITE(SDK_LOG_SYS, "InitializeSDK");
   SYSTEM_INIT();
+  sdk_start_log();
   fsu::serial::M_COM_INIT();
   fsu::serial::BSP_BAU_INIT();
   fsu::serial::FSU_COM_READ_THREAD_START();
+  fsu::board::bsp_SoftDog_Init();
   // Give the board links time to answer before the counts are taken from their flags.
   fsu::platform::sleep_s(2);
   BSP_Resource_CHECK();
+  fsu::board::soft_dog_run(0);
   HW_RESOURCES_CHECK();
+  SDK_LED_HANDLE();
   return 0;
 }
 

@@ -1,0 +1,96 @@
+#include "board/software_watchdog.h"
+
+#include <pthread.h>
+
+#include "fsusdk.h"
+#include "platform/clock.h"
+#include "platform/command_runner.h"
+#include "serial/extension_link.h"
+#include "support/sdk_log.h"
+
+namespace fsu::board {
+namespace {
+
+std::atomic<int> thread_started{0};
+pthread_t thread_dog;
+
+}  // namespace
+
+SOFTDOG app___SOFTDOG;
+
+std::uint32_t ReadSysTime_Value() { return static_cast<std::uint32_t>(platform::wall_now().seconds); }
+
+std::uint32_t bsp_SoftDog_Init() {
+  const std::uint32_t now = ReadSysTime_Value();
+  app___SOFTDOG.enable.store(0);
+  app___SOFTDOG.interval.store(600);
+  app___SOFTDOG.last_feed.store(now);
+  return now;
+}
+
+int bsp_SoftDogEnable(int flag, std::uint32_t ms) {
+  app___SOFTDOG.enable.store(static_cast<std::uint8_t>(flag & 0xFF));
+  app___SOFTDOG.interval.store(ms / 1000);
+  app___SOFTDOG.last_feed.store(ReadSysTime_Value());
+  return 0;
+}
+
+int bsp_SoftDogFeedInterval(std::uint32_t ms) {
+  app___SOFTDOG.interval.store(ms / 1000);
+  app___SOFTDOG.last_feed.store(ReadSysTime_Value());
+  return 0;
+}
+
+int bsp_SoftDogFeed() {
+  app___SOFTDOG.last_feed.store(ReadSysTime_Value());
+  return 0;
+}
+
+bool soft_dog_expired(std::uint32_t now) {
+  if (app___SOFTDOG.enable.load() != 1) return false;
+  return now > app___SOFTDOG.last_feed.load() + app___SOFTDOG.interval.load() + 60u;
+}
+
+void soft_dog_pass(std::uint32_t now) {
+  if (!soft_dog_expired(now)) return;
+  support::SDK_LOG_WRITE(support::SDK_LOG_SYS, "soft dog start,ready reboot=%d",
+                         static_cast<int>(app___SOFTDOG.interval.load()));
+  platform::sleep_s(1);
+  platform::run_command("reboot");
+}
+
+void* App_SoftDogFeed(void*) {
+  for (;;) {
+    serial::RunComDog();
+    platform::sleep_s(1);
+    soft_dog_pass(ReadSysTime_Value());
+  }
+}
+
+long soft_dog_run(long arg) {
+  if (thread_started.exchange(1) == 1) return arg;
+  return pthread_create(&thread_dog, nullptr, App_SoftDogFeed, nullptr);
+}
+
+}  // namespace fsu::board
+
+using fsu::support::SDK_LOG_DEBUG;
+using fsu::support::SDK_LOG_WRITE;
+
+extern "C" int SoftDogEnable(int enable, unsigned int interval_ms) {
+  fsu::board::bsp_SoftDogEnable(enable, interval_ms);
+  SDK_LOG_WRITE(SDK_LOG_DEBUG, "fun=%s,line =%d", __func__, __LINE__);
+  return 0;
+}
+
+extern "C" int SoftDogFeedInterval(unsigned int interval_ms) {
+  fsu::board::bsp_SoftDogFeedInterval(interval_ms);
+  SDK_LOG_WRITE(SDK_LOG_DEBUG, "fun=%s,line =%d", __func__, __LINE__);
+  return 0;
+}
+
+extern "C" int SoftDogFeed(void) {
+  fsu::board::bsp_SoftDogFeed();
+  SDK_LOG_WRITE(SDK_LOG_DEBUG, "fun=%s,line =%d", __func__, __LINE__);
+  return 0;
+}
