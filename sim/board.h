@@ -1,29 +1,76 @@
-// The simulated board while it is up: what runs beside an application on a sandbox root.
-// Today that is the power-up state of the GPIO lines and sim/board.pid, which tells tools and
-// people that a board is up and which process holds it.
+// The simulated board while it is up: the power-up state of the GPIO lines, sim/board.pid
+// (which tells tools and people that a board is up and which process holds it), the seven
+// UARTs with what sits at their far ends, and the state and control files under sim/. One
+// service thread moves the serial bytes, takes control lines and keeps sim/state current.
 #pragma once
 
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
 #include <string>
+#include <string_view>
+#include <sys/types.h>
+#include <thread>
+#include <vector>
+
+#include "sim/control.h"
+#include "sim/state_file.h"
+#include "sim/uart.h"
 
 namespace fsu::sim {
+
+struct BoardOptions {
+  // Control lines applied as the board comes up, before the SDK can see a port
+  // ("uart 2 terminal").
+  std::vector<std::string> commands;
+  // Messages for the person running the board (a terminal's path, a rejected control line);
+  // standard error when not set.
+  std::function<void(const std::string& message)> report;
+};
 
 class Board {
  public:
   // `root` is the absolute root of a sandbox made by make_sandbox.
-  explicit Board(std::string root);
+  explicit Board(std::string root, BoardOptions options = {});
   ~Board();
   Board(const Board&) = delete;
   Board& operator=(const Board&) = delete;
 
-  // Brings the board up: GPIO value files back to their power-up state, sim/board.pid
-  // written. Refused (false, with a reason) while another live process holds the board.
+  // Brings the board up: GPIO value files back to their power-up state, the UARTs linked at
+  // dev/ttymxc1 to dev/ttymxc7, sim/state and sim/control fresh, sim/board.pid written, the
+  // service thread started. Refused (false, with a reason) while another live process holds
+  // the board, or when a start-up command fails.
   bool start(std::string* error);
-  // Brings it down again; harmless when it is not up.
+  // Brings it down again: the thread joined, the links removed, the terminals closed,
+  // sim/state saying so. Harmless when it is not up.
   void stop();
 
  private:
+  void serve();
+  void take_control(double now);
+  std::string set_uart_mode(std::span<const std::string_view> args);
+  void say(const std::string& message) const;
+  void describe_board(std::string& out) const;
+  void describe_gpio(std::string& out) const;
+  void describe_control(std::string& out) const;
+  void close_ports();
+
   std::string root_;
+  BoardOptions options_;
   bool up_ = false;
+  std::vector<std::unique_ptr<Uart>> uarts_;
+  CommandTable commands_;
+  ControlFile control_;
+  StateFile state_;
+  std::uint64_t applied_ = 0;
+  std::uint64_t failed_ = 0;
+  std::deque<std::string> errors_;  // the latest rejected lines, for sim/state
+  std::thread thread_;
+  int wake_[2] = {-1, -1};  // a byte in this pipe ends the service thread
 };
+
+// The live process that holds a board up in `root`, or 0.
+pid_t board_process(const std::string& root);
 
 }  // namespace fsu::sim

@@ -1,6 +1,6 @@
 // fsusim: the simulated FSU board. Makes a sandbox root, brings the board up in it and runs
-// an application against it (run), keeps it up for others (up), or answers for a stand-in
-// device tool (tool).
+// an application against it (run), keeps it up for others (up), hands control lines to a
+// board that is up (ctl), or answers for a stand-in device tool (tool).
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -12,9 +12,11 @@
 #include <string_view>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 #include "platform/sandbox_root.h"
 #include "sim/board.h"
+#include "sim/control_client.h"
 #include "sim/sandbox.h"
 #include "sim/uci_file.h"
 
@@ -23,16 +25,25 @@ extern char** environ;
 namespace {
 
 constexpr int kUsageError = 2;
+// How long `ctl` waits for the board to take its lines.
+constexpr double kControlTimeout = 5.0;
 
 constexpr char kUsage[] =
     "usage:\n"
-    "  fsusim run [--root DIR] -- COMMAND [ARG...]\n"
+    "  fsusim run [--root DIR] [PORT OPTION...] -- COMMAND [ARG...]\n"
     "      run COMMAND on a simulated board (in DIR, kept afterwards, or in a temporary\n"
     "      folder that is removed); exits with COMMAND's status\n"
-    "  fsusim up --root DIR\n"
+    "  fsusim up --root DIR [PORT OPTION...]\n"
     "      keep a simulated board up in DIR until interrupted\n"
+    "  fsusim ctl --root DIR LINE...\n"
+    "      hand control lines (such as \"uart 2 terminal\") to the board up in DIR and wait\n"
+    "      until it has taken them; exits 1 when one was rejected\n"
     "  fsusim tool NAME ARG...\n"
-    "      the simulator's side of a stand-in device tool (uci)\n";
+    "      the simulator's side of a stand-in device tool (uci)\n"
+    "port options (N is 1 to 7 for /dev/ttymxc1 to /dev/ttymxc7):\n"
+    "  --terminal N   a terminal for a person at the far end of port N (its path is printed)\n"
+    "  --silent N     nothing at the far end of port N\n"
+    "  --loopback N   a loopback plug at the far end of port N (ports 1 to 4 have one anyway)\n";
 
 int usage(int code) {
   std::fputs(kUsage, stderr);
@@ -61,6 +72,41 @@ bool usable_root(const char* dir, std::string* root) {
   }
   *root = fsu::platform::root();
   return true;
+}
+
+// Takes the option at argv[*i] (and its value) when it is one that `run` and `up` share: the
+// root, or a port's far end, which becomes a control line applied as the board comes up.
+bool board_option(int argc, char** argv, int* i, const char** root, std::vector<std::string>* commands) {
+  const std::string_view arg = argv[*i];
+  const auto value = [&](std::string_view name) -> const char* {
+    if (arg == name && *i + 1 < argc) return argv[++*i];
+    if (arg.size() > name.size() && arg.starts_with(name) && arg[name.size()] == '=') {
+      return argv[*i] + name.size() + 1;
+    }
+    return nullptr;
+  };
+  if (const char* dir = value("--root")) {
+    *root = dir;
+    return true;
+  }
+  for (const char* mode : {"terminal", "silent", "loopback"}) {
+    if (const char* port = value(std::string("--") + mode)) {
+      commands->push_back(std::string("uart ") + port + " " + mode);
+      return true;
+    }
+  }
+  return false;
+}
+
+// Messages of the board for the person who runs it.
+fsu::sim::BoardOptions board_options(std::vector<std::string> commands, FILE* out) {
+  fsu::sim::BoardOptions options;
+  options.commands = std::move(commands);
+  options.report = [out](const std::string& message) {
+    std::fprintf(out, "fsusim: %s\n", message.c_str());
+    std::fflush(out);
+  };
+  return options;
 }
 
 std::atomic<pid_t> g_command{0};
@@ -138,6 +184,7 @@ bool temporary_root(std::string* made) {
 
 int command_run(int argc, char** argv) {
   const char* root_arg = nullptr;
+  std::vector<std::string> commands;
   int i = 0;
   for (; i < argc; ++i) {
     const std::string_view arg = argv[i];
@@ -145,15 +192,9 @@ int command_run(int argc, char** argv) {
       ++i;
       break;
     }
-    if (arg == "--root" && i + 1 < argc) {
-      root_arg = argv[++i];
-    } else if (arg.starts_with("--root=")) {
-      root_arg = argv[i] + 7;
-    } else if (arg.starts_with("-")) {
-      return usage(kUsageError);
-    } else {
-      break;
-    }
+    if (board_option(argc, argv, &i, &root_arg, &commands)) continue;
+    if (arg.starts_with("-")) return usage(kUsageError);
+    break;
   }
   if (i >= argc) return usage(kUsageError);
 
@@ -166,7 +207,8 @@ int command_run(int argc, char** argv) {
   std::string error;
   int code = 1;
   if (usable_root(root_arg, &root)) {
-    fsu::sim::Board board(root);
+    // The command owns standard output; the board speaks on standard error.
+    fsu::sim::Board board(root, board_options(std::move(commands), stderr));
     if (!fsu::sim::make_sandbox(root, own_path(), &error) || !board.start(&error)) {
       failure(error);
     } else {
@@ -179,8 +221,10 @@ int command_run(int argc, char** argv) {
 
 int command_up(int argc, char** argv) {
   const char* root_arg = nullptr;
-  if (argc == 2 && std::string_view(argv[0]) == "--root") root_arg = argv[1];
-  if (argc == 1 && std::string_view(argv[0]).starts_with("--root=")) root_arg = argv[0] + 7;
+  std::vector<std::string> commands;
+  for (int i = 0; i < argc; ++i) {
+    if (!board_option(argc, argv, &i, &root_arg, &commands)) return usage(kUsageError);
+  }
   if (root_arg == nullptr) return usage(kUsageError);
   std::string root;
   if (!usable_root(root_arg, &root)) return 1;
@@ -192,7 +236,7 @@ int command_up(int argc, char** argv) {
   sigprocmask(SIG_BLOCK, &stop_signals, nullptr);
 
   std::string error;
-  fsu::sim::Board board(root);
+  fsu::sim::Board board(root, board_options(std::move(commands), stdout));
   if (!fsu::sim::make_sandbox(root, own_path(), &error) || !board.start(&error)) return failure(error);
   std::printf("fsusim: board up in %s; run an application with FSU_ROOT=%s PATH=%s/bin:$PATH "
               "(CTRL+C stops the board)\n",
@@ -202,6 +246,21 @@ int command_up(int argc, char** argv) {
   sigwait(&stop_signals, &sig);
   board.stop();
   return 0;
+}
+
+int command_ctl(int argc, char** argv) {
+  const char* root_arg = nullptr;
+  std::vector<std::string> unused;
+  int i = 0;
+  if (argc > 0 && board_option(argc, argv, &i, &root_arg, &unused) && unused.empty()) ++i;
+  if (root_arg == nullptr || i >= argc) return usage(kUsageError);
+  std::string root;
+  if (!usable_root(root_arg, &root)) return 1;
+  const std::vector<std::string> lines(argv + i, argv + argc);
+  std::vector<std::string> errors;
+  if (fsu::sim::send_control(root, lines, kControlTimeout, &errors)) return 0;
+  for (const std::string& error : errors) failure(error);
+  return 1;
 }
 
 int command_tool(int argc, char** argv) {
@@ -227,6 +286,7 @@ int main(int argc, char** argv) {
   if (command == "--help" || command == "-h" || command == "help") return usage(0);
   if (command == "run") return command_run(argc - 2, argv + 2);
   if (command == "up") return command_up(argc - 2, argv + 2);
+  if (command == "ctl") return command_ctl(argc - 2, argv + 2);
   if (command == "tool") return command_tool(argc - 2, argv + 2);
   return usage(kUsageError);
 }
