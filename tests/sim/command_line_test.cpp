@@ -13,6 +13,7 @@
 #include "platform/clock.h"
 #include "platform/command_runner.h"
 #include "sim/sandbox.h"
+#include "tests/common/console_driver.h"
 #include "tests/common/test_sandbox.h"
 
 extern char** environ;
@@ -122,6 +123,32 @@ TEST(FsusimUp, ComesUpAndGoesDownOnSigterm) {
   ASSERT_TRUE(poll_until(5, [&] { return waitpid(pid, &status, WNOHANG) == pid; }));
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   EXPECT_FALSE(box.exists("/tmp/unit/sim/board.pid"));
+}
+
+TEST(FsusimPorts, TerminalsAndControlFromTheCommandLine) {
+  TestSandbox box;
+  const std::string unit = box.path("/tmp/unit");
+  EXPECT_NE(capture(kFsusim + " run --terminal 2 -- true 2>&1").find("fsusim: Local/Uart/2 terminal: /dev/pts/"),
+            std::string::npos);
+  EXPECT_EQ(exit_code(kFsusim + " run --silent 8 -- true 2>/dev/null"), 1);
+  EXPECT_EQ(exit_code(kFsusim + " ctl --root " + unit + " 'uart 1 silent' 2>/dev/null"), 1);  // no board up
+  {
+    fsu::test::ConsoleDriver up({kFsusim, "up", "--root", unit, "--terminal", "2", "--silent=3"},
+                                fsu::test::ConsoleDriver::Mode::kPipes);
+    ASSERT_TRUE(up.wait_for("(CTRL+C stops the board)", 5)) << up.output();
+    EXPECT_NE(up.output().find("fsusim: Local/Uart/2 terminal: /dev/pts/"), std::string::npos) << up.output();
+    EXPECT_NE(box.read("/tmp/unit/sim/state").find("uart 3 device=/dev/ttymxc3 for=Local/Uart/3 mode=silent"),
+              std::string::npos);
+
+    EXPECT_EQ(exit_code(kFsusim + " ctl --root " + unit + " 'uart 2 loopback' 'uart 3 terminal'"), 0);
+    EXPECT_TRUE(up.wait_for("fsusim: Local/Uart/3 terminal: /dev/pts/", 2)) << up.output();
+    const std::string out = capture(kFsusim + " ctl --root " + unit + " 'uart 1 silent' frob 2>&1; echo status=$?");
+    EXPECT_NE(out.find("fsusim: \"frob\": unknown command"), std::string::npos) << out;
+    EXPECT_NE(out.find("status=1"), std::string::npos) << out;
+    EXPECT_TRUE(up.wait_for("fsusim: control: \"frob\"", 2)) << up.output();
+  }
+  EXPECT_FALSE(box.exists("/tmp/unit/dev/ttymxc1"));
+  EXPECT_EQ(box.read("/tmp/unit/sim/state"), "board down\n");
 }
 
 }  // namespace
