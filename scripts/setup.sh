@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
 # Installs what building and testing need, when it is missing. Safe to run again.
+# Arguments name test stages (what scripts/test.sh runs) or further Debian packages:
+#   bash scripts/setup.sh asan armhf     the tools of those two stages
 set -euo pipefail
 
 need=()
@@ -13,8 +15,18 @@ have_cmd zip || need+=(zip)
 have_pkg googletest || [ -f /usr/src/googletest/CMakeLists.txt ] || need+=(googletest)
 have_pkg libgtest-dev || need+=(libgtest-dev)
 have_pkg libbenchmark-dev || need+=(libbenchmark-dev)
+extras=()
 for extra in "$@"; do
-  have_pkg "$extra" || need+=("$extra")
+  case $extra in
+    werror) ;;
+    asan | tsan | fuzz) extras+=(clang libclang-rt-dev llvm) ;;  # llvm: llvm-symbolizer
+    coverage) extras+=(gcovr) ;;
+    armhf) extras+=(g++-arm-linux-gnueabihf qemu-user) ;;
+    *) extras+=("$extra") ;;
+  esac
+done
+for extra in "${extras[@]}"; do
+  have_pkg "$extra" || [[ " ${need[*]} " == *" $extra "* ]] || need+=("$extra")
 done
 
 if [ ${#need[@]} -gt 0 ]; then

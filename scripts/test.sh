@@ -1,17 +1,115 @@
 #!/usr/bin/env bash
-# Builds everything with warnings as errors and runs every test.
-set -euo pipefail
+# Builds everything and runs every test under each quality gate; CI runs exactly this.
+#   bash scripts/test.sh               every stage, in the order below
+#   bash scripts/test.sh asan tsan     the named stages only
+# Stages, each in a build folder of its own:
+#   werror    gcc, warnings as errors, the whole suite                  build-ci/
+#   asan      clang, ASan+UBSan halting on the first report, the suite  build-asan/
+#   tsan      clang, ThreadSanitizer, the suite                         build-tsan/
+#   fuzz      every fuzz target for 30 s on its seeds (scripts/fuzz.sh) build-fuzz/
+#   coverage  gcc --coverage, the suite, line coverage per folder       build-cov/
+#   armhf     cross build for the board, unit tests under qemu-arm      build-armhf/
+# Every stage runs even when an earlier one failed; the run fails when any stage failed.
+set -uo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/setup.sh
-jobs=$(nproc)
 
-stage() { echo; echo "==== $1 ($(date +%T))"; }
+all_stages=(werror asan tsan fuzz coverage armhf)
+stages=("$@")
+[ ${#stages[@]} -gt 0 ] || stages=("${all_stages[@]}")
+for stage in "${stages[@]}"; do
+  [[ " ${all_stages[*]} " == *" $stage "* ]] || { echo "test.sh: unknown stage $stage (${all_stages[*]})"; exit 2; }
+done
+bash scripts/setup.sh "${stages[@]}" || exit 1
 
-stage "build (-Werror)"
-cmake -S . -B build-ci -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFSU_WERROR=ON >/dev/null
-cmake --build build-ci -j"$jobs"
+suite() {  # build folder, further ctest arguments
+  local dir=$1
+  shift
+  ctest --test-dir "$dir" -j2 --output-on-failure --no-tests=error --timeout 300 "$@"
+}
 
-stage "test suite"
-ctest --test-dir build-ci -j"$jobs" --output-on-failure --timeout 300
+# A sanitized build of everything and the whole suite. Every process's reports (also those of
+# benchkit and fsusim started by the tests) go to files, so a report in a child process that
+# its test did not notice still fails the stage; the first few are printed.
+sanitized_suite() {  # address|thread, build folder
+  local kind=$1 dir=$2
+  cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang \
+    -DCMAKE_CXX_COMPILER=clang++ -DFSU_SANITIZE="$kind" -DFSU_WERROR=ON -DFSU_BUILD_BENCH=OFF \
+    >/dev/null || return 1
+  cmake --build "$dir" -j2 || return 1
+  local reports=$PWD/$dir/sanitizer-reports rc=0
+  rm -rf "$reports"
+  mkdir -p "$reports"
+  local run=()
+  # ThreadSanitizer's memory layout needs the address randomisation of older kernels.
+  if [ "$kind" = thread ] && [ "$(cat /proc/sys/vm/mmap_rnd_bits 2>/dev/null || echo 0)" -gt 28 ]; then
+    run=(setarch "$(uname -m)" -R)
+  fi
+  ASAN_OPTIONS=halt_on_error=1:detect_leaks=1:log_path=$reports/asan \
+    UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1:log_path=$reports/ubsan \
+    TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:log_path=$reports/tsan \
+    "${run[@]}" ctest --test-dir "$dir" -j2 --output-on-failure --no-tests=error --timeout 300 || rc=1
+  local files=("$reports"/*)
+  if [ -e "${files[0]}" ]; then
+    echo "${#files[@]} sanitizer report(s) in $reports; the first ones:"
+    for report in "${files[@]:0:3}"; do
+      echo "---- $report"
+      head -n 150 "$report"
+    done
+    rc=1
+  fi
+  return $rc
+}
 
-stage "done"
+stage_werror() {
+  cmake -S . -B build-ci -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFSU_WERROR=ON >/dev/null &&
+    cmake --build build-ci -j2 &&
+    suite build-ci
+}
+
+stage_asan() { sanitized_suite address build-asan; }
+
+stage_tsan() { sanitized_suite thread build-tsan; }
+
+stage_fuzz() { bash scripts/fuzz.sh; }
+
+stage_coverage() {
+  cmake -S . -B build-cov -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=gcc \
+    -DCMAKE_CXX_COMPILER=g++ -DFSU_COVERAGE=ON -DFSU_BUILD_BENCH=OFF >/dev/null &&
+    cmake --build build-cov -j2 || return 1
+  find build-cov -name '*.gcda' -delete
+  suite build-cov || return 1
+  gcovr --root . --object-directory build-cov -j 2 --exclude '(tests|fuzz|bench|examples)/' \
+    --json-summary build-cov/coverage.json &&
+    python3 scripts/coverage_table.py build-cov/coverage.json
+}
+
+stage_armhf() {
+  cmake -S . -B build-armhf -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake -DFSU_WERROR=ON -DFSU_BUILD_BENCH=OFF \
+    >/dev/null &&
+    cmake --build build-armhf -j2 &&
+    arm-linux-gnueabihf-readelf -h build-armhf/benchkit | grep -E 'Class|Machine|Flags' &&
+    suite build-armhf -L unit
+}
+
+summary=()
+failed=0
+for stage in "${stages[@]}"; do
+  echo
+  echo "==== $stage: start $(date '+%F %T')"
+  start=$(date +%s)
+  ("stage_$stage")
+  rc=$?
+  took=$(($(date +%s) - start))
+  result=ok
+  [ $rc -eq 0 ] || { result=FAILED; failed=$((failed + 1)); }
+  line=$(printf '%-9s %-6s %3dm%02ds' "$stage" "$result" $((took / 60)) $((took % 60)))
+  echo "==== $stage: $result at $(date '+%F %T') ($((took / 60))m$((took % 60))s)"
+  summary+=("$line")
+done
+
+echo
+echo "==== summary"
+printf '%s\n' "${summary[@]}"
+echo "stages: $((${#stages[@]} - failed)) passed, $failed failed"
+[ $failed -eq 0 ]
