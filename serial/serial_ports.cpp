@@ -5,6 +5,7 @@
 #include <pthread.h>
 
 #include "platform/clock.h"
+#include "serial/environment_link.h"
 #include "serial/extension_link.h"
 #include "serial/receive_buffers.h"
 #include "serial/uart_driver.h"
@@ -114,6 +115,7 @@ void* M_COM_READ_THREAD(void* arg) {
 void* ENV_COM_READ_THREAD(void* arg) {
   stump(*static_cast<std::int32_t*>(arg), __func__, __LINE__);
   M_BAU_SET_COM(6, 9600, 8, 1, 0);
+  clear_env_info();
   for (;;) {
     platform::sleep_ms(kReaderPassMs);
     env_com_read_pass();
@@ -128,7 +130,8 @@ void FSU_COM_READ_THREAD_START() {
     std::int32_t value;
   };
   const Start starts[] = {{0, M_COM_READ_THREAD, 0}, {1, M_COM_READ_THREAD, 1}, {2, M_COM_READ_THREAD, 2},
-                          {3, M_COM_READ_THREAD, 3}, {6, ENV_COM_READ_THREAD, 6}};
+                          {3, M_COM_READ_THREAD, 3}, {4, EXT_COM_READ_THREAD, 4}, {5, EXT_COM_READ_THREAD, 5},
+                          {6, ENV_COM_READ_THREAD, 6}, {7, ENV_COM_SEND_THREAD, 6}};
   for (const Start& s : starts) {
     COM_INDEX_VALUE[s.entry] = s.value;
     pthread_create(&thread_COM[s.entry], nullptr, s.routine, &COM_INDEX_VALUE[s.entry]);
