@@ -26,8 +26,9 @@ bool root_text_is_plain(const char* s) {
 // Root texts are kept for the life of the process: readers on other threads may still hold
 // an old one, and the root changes only a handful of times per process (tests).
 std::atomic<const char*> g_root{nullptr};
-std::mutex g_roots_lock;
-std::deque<std::string> g_roots;
+// Never destroyed: threads that are never joined may resolve paths while the process exits.
+std::mutex& g_roots_lock = *new std::mutex;
+std::deque<std::string>& g_roots = *new std::deque<std::string>;
 
 const char* keep(std::string text) {
   std::lock_guard<std::mutex> lock(g_roots_lock);

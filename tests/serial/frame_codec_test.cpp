@@ -2,6 +2,7 @@
 // really delivers: stray bytes, split frames, false start bytes, frames back to back.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -20,7 +21,7 @@ std::string encode(std::uint8_t ver, std::uint8_t adr, std::uint8_t cid1, std::u
   cmd.CID1 = cid1;
   cmd.CID2 = cid2;
   cmd.LENGTH = static_cast<std::uint32_t>(info.size());
-  std::memcpy(cmd.INFO, info.data(), info.size());
+  std::copy(info.begin(), info.end(), cmd.INFO);
   std::uint8_t out[600];
   const int n = POWER_7E_CMDSend(cmd, out, sizeof out);
   return std::string(reinterpret_cast<char*>(out), static_cast<std::size_t>(n));
