@@ -23,9 +23,20 @@ namespace {
 constexpr const char* kPortUse[] = {"Local/Uart/1",      "Local/Uart/2",      "Local/Uart/3",
                                     "Local/Uart/4",      "extension-board-1", "extension-board-2",
                                     "positioning-receiver"};
-// Ports that end in the factory test's loopback plug when the board comes up; the others are
-// silent until a model of what sits behind them serves them.
+// Ports that end in the factory test's loopback plug when the board comes up; ports 5 and 6
+// lead to the extension boards, port 7 is silent.
 constexpr int kLoopbackPorts = 4;
+constexpr int kExtensionPorts[] = {5, 6};
+constexpr int kMainPorts = 7;
+
+// Where "Local/Uart/5" to "Local/Uart/12" are served: board 2's channels 1 and 2 are crossed.
+struct ChannelOf {
+  int board;
+  int channel;
+};
+constexpr ChannelOf kChannels[] = {{1, 0}, {1, 1}, {1, 2}, {1, 3}, {2, 0}, {2, 2}, {2, 1}, {2, 3}};
+constexpr int kFirstChannelPort = 5;
+constexpr int kSerialPorts = kFirstChannelPort + static_cast<int>(std::size(kChannels)) - 1;
 
 // How often the service thread looks for new control lines.
 constexpr double kControlPeriod = 0.05;
@@ -75,6 +86,12 @@ pid_t pid_in(const std::string& path) {
 
 bool alive(pid_t pid) { return kill(pid, 0) == 0 || errno == EPERM; }
 
+// A whole number from lo to hi, or false.
+bool number_in(std::string_view word, int lo, int hi, int* out) {
+  const auto [end, ec] = std::from_chars(word.data(), word.data() + word.size(), *out);
+  return ec == std::errc() && end == word.data() + word.size() && *out >= lo && *out <= hi;
+}
+
 std::string_view trimmed(std::string_view line) {
   const std::size_t first = line.find_first_not_of(" \t\r");
   if (first == std::string_view::npos) return {};
@@ -93,12 +110,18 @@ Board::Board(std::string root, BoardOptions options)
       options_(std::move(options)),
       control_(root_ + "/sim/control", root_ + "/sim/control.done"),
       state_(root_ + "/sim/state") {
-  commands_.add("uart", "uart N loopback|terminal|silent",
-                [this](std::span<const std::string_view> args) { return set_uart_mode(args); });
+  const auto command = [this](const char* word, const char* usage, auto handler) {
+    commands_.add(word, usage, [this, handler](std::span<const std::string_view> args) { return (this->*handler)(args); });
+  };
+  command("uart", "uart N loopback|terminal|silent (N 1 to 12)", &Board::set_uart);
+  command("port", "port N loopback|terminal|silent (N 1 to 4 or 7)", &Board::set_port);
+  command("board", "board N silent|on (N 1 or 2)", &Board::set_board);
+  command("env", "env silent|on", &Board::set_environment);
+  command("ai", "ai N [voltage] VOLTS | ai N current MILLIAMPS (N 1 to 16)", &Board::set_analogue);
+  command("di", "di N open|closed (N 1 to 16)", &Board::set_contact);
   state_.add_section([this](std::string& out) { describe_board(out); });
-  state_.add_section([this](std::string& out) {
-    for (const auto& uart : uarts_) uart->describe(out);
-  });
+  state_.add_section([this](std::string& out) { describe_serial(out); });
+  state_.add_section([this](std::string& out) { describe_extensions(out); });
   state_.add_section([this](std::string& out) { describe_gpio(out); });
   state_.add_section([this](std::string& out) { describe_control(out); });
 }
@@ -125,12 +148,18 @@ bool Board::start(std::string* error) {
   if (!control_.reset(&why)) return fail(why);
   applied_ = failed_ = 0;
   errors_.clear();
-  for (int i = 0; i < static_cast<int>(std::size(kPortUse)); ++i) {
+  environment_ = std::make_unique<EnvironmentBoard>();
+  for (int i = 0; i < kMainPorts; ++i) {
     const std::string number = std::to_string(i + 1);
     auto uart = std::make_unique<Uart>(i + 1, kPortUse[i], root_ + "/dev/ttymxc" + number);
     if (!uart->open(&why)) return fail(why);
     if (i < kLoopbackPorts) {
       uart->attach(std::make_unique<LoopbackPlug>());
+    } else if (i + 1 == kExtensionPorts[0] || i + 1 == kExtensionPorts[1]) {
+      const int board = i + 1 == kExtensionPorts[0] ? 1 : 2;
+      auto extension = std::make_unique<ExtensionBoard>(board, board == 1 ? environment_.get() : nullptr);
+      extensions_[board - 1] = extension.get();
+      uart->attach(std::move(extension));
     } else {
       uart->attach(std::make_unique<SilentEnd>());
     }
@@ -163,6 +192,7 @@ void Board::stop() {
 }
 
 void Board::close_ports() {
+  extensions_[0] = extensions_[1] = nullptr;
   for (const auto& uart : uarts_) uart->close();
   uarts_.clear();
   for (int& fd : wake_) {
@@ -229,16 +259,33 @@ void Board::take_control(double now) {
   control_.acknowledge();
 }
 
-std::string Board::set_uart_mode(std::span<const std::string_view> args) {
-  if (args.size() != 2) return "needs a port and a mode";
+std::string Board::set_uart(std::span<const std::string_view> args) {
   int number = 0;
-  const auto [end, ec] = std::from_chars(args[0].data(), args[0].data() + args[0].size(), number);
-  if (ec != std::errc() || end != args[0].data() + args[0].size() || number < 1 ||
-      number > static_cast<int>(uarts_.size())) {
-    return "no port " + quoted_line(args[0]) + " (ports are 1 to " + std::to_string(uarts_.size()) + ")";
+  if (args.size() != 2) return "needs a port and a mode";
+  if (!number_in(args[0], 1, kSerialPorts, &number)) {
+    return "no port " + quoted_line(args[0]) + " (ports are 1 to " + std::to_string(kSerialPorts) + ")";
   }
-  Uart& uart = *uarts_[number - 1];
-  const std::string_view mode = args[1];
+  if (number < kFirstChannelPort) return set_port_end(*uarts_[number - 1], args[1]);
+  const ChannelOf where = kChannels[number - kFirstChannelPort];
+  std::string terminal;
+  const std::string error = extensions_[where.board - 1]->set_channel_end(where.channel, args[1], &terminal);
+  if (error.empty() && !terminal.empty()) say("Local/Uart/" + std::to_string(number) + " terminal: " + terminal);
+  return error;
+}
+
+std::string Board::set_port(std::span<const std::string_view> args) {
+  int number = 0;
+  if (args.size() != 2) return "needs a port and a mode";
+  if (!number_in(args[0], 1, kMainPorts, &number)) {
+    return "no port " + quoted_line(args[0]) + " (ports are 1 to " + std::to_string(kMainPorts) + ")";
+  }
+  for (const int port : kExtensionPorts) {
+    if (number == port) return "port " + std::to_string(port) + " leads to extension board " + std::to_string(port - 4);
+  }
+  return set_port_end(*uarts_[number - 1], args[1]);
+}
+
+std::string Board::set_port_end(Uart& uart, std::string_view mode) {
   if (uart.device().mode() == mode) return "";
   std::unique_ptr<LineDevice> device;
   if (mode == "loopback") {
@@ -258,6 +305,51 @@ std::string Board::set_uart_mode(std::span<const std::string_view> args) {
   return "";
 }
 
+std::string Board::set_board(std::span<const std::string_view> args) {
+  int number = 0;
+  if (args.size() != 2) return "needs a board and a state";
+  if (!number_in(args[0], 1, 2, &number)) return "no board " + quoted_line(args[0]) + " (boards are 1 and 2)";
+  if (args[1] != "silent" && args[1] != "on") return "no state " + quoted_line(args[1]);
+  extensions_[number - 1]->set_silent(args[1] == "silent");
+  return "";
+}
+
+std::string Board::set_environment(std::span<const std::string_view> args) {
+  if (args.size() != 1) return "needs a state";
+  if (args[0] != "silent" && args[0] != "on") return "no state " + quoted_line(args[0]);
+  environment_->set_silent(args[0] == "silent");
+  return "";
+}
+
+std::string Board::set_analogue(std::span<const std::string_view> args) {
+  int channel = 0;
+  if (args.size() != 2 && args.size() != 3) return "needs a channel and a value";
+  if (!number_in(args[0], 1, EnvironmentBoard::kAnalogue, &channel)) {
+    return "no channel " + quoted_line(args[0]) + " (channels are 1 to 16)";
+  }
+  const bool current = args.size() == 3 && args[1] == "current";
+  if (args.size() == 3 && !current && args[1] != "voltage") return "no reading " + quoted_line(args[1]);
+  const std::string_view text = args.back();
+  double value = 0;
+  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (ec != std::errc() || end != text.data() + text.size()) return "not a number: " + quoted_line(text);
+  if (current ? !environment_->set_milliamps(channel, value) : !environment_->set_volts(channel, value)) {
+    return current ? "milliamperes are 0 to 20.478" : "volts are 0 to 5.1197";
+  }
+  return "";
+}
+
+std::string Board::set_contact(std::span<const std::string_view> args) {
+  int input = 0;
+  if (args.size() != 2) return "needs an input and a state";
+  if (!number_in(args[0], 1, EnvironmentBoard::kContacts, &input)) {
+    return "no input " + quoted_line(args[0]) + " (inputs are 1 to 16)";
+  }
+  if (args[1] != "open" && args[1] != "closed") return "no state " + quoted_line(args[1]);
+  environment_->set_contact(input, args[1] == "closed");
+  return "";
+}
+
 void Board::say(const std::string& message) const {
   if (options_.report) {
     options_.report(message);
@@ -268,6 +360,42 @@ void Board::say(const std::string& message) const {
 
 void Board::describe_board(std::string& out) const {
   out += "board up pid=" + std::to_string(getpid()) + " root=" + root_ + "\n";
+}
+
+void Board::describe_serial(std::string& out) const {
+  if (uarts_.empty()) return;
+  for (int i = 0; i < kLoopbackPorts; ++i) uarts_[i]->describe("uart " + std::to_string(i + 1), out);
+  for (int number = kFirstChannelPort; number <= kSerialPorts; ++number) {
+    const ChannelOf where = kChannels[number - kFirstChannelPort];
+    out += "uart " + std::to_string(number) + " for=Local/Uart/" + std::to_string(number) +
+           " board=" + std::to_string(where.board) + " channel=" + std::to_string(where.channel);
+    extensions_[where.board - 1]->describe_channel(where.channel, out);
+    out += "\n";
+  }
+  for (int i = kLoopbackPorts; i < kMainPorts; ++i) uarts_[i]->describe("port " + std::to_string(i + 1), out);
+}
+
+void Board::describe_extensions(std::string& out) const {
+  if (uarts_.empty()) return;
+  for (int board = 1; board <= 2; ++board) {
+    out += "board " + std::to_string(board) + " port=" + std::to_string(kExtensionPorts[board - 1]);
+    extensions_[board - 1]->describe_board(out);
+    out += "\n";
+  }
+  out += "env on=board-1 channel=" + std::to_string(ExtensionBoard::kEnvironmentChannel);
+  extensions_[0]->describe_channel(ExtensionBoard::kEnvironmentChannel, out);
+  environment_->describe(out);
+  out += "\n";
+  // Outputs 1 to 4 are the environment board's relays, 5 to 8 board 2's.
+  for (int output = 1; output <= 2 * EnvironmentBoard::kRelays; ++output) {
+    const bool environment = output <= EnvironmentBoard::kRelays;
+    const int relay = environment ? output : output - EnvironmentBoard::kRelays;
+    const bool on = environment ? environment_->relay(relay) : extensions_[1]->relay(relay);
+    out += "relay " + std::to_string(output) + " for=Local/DO/" + std::to_string(output) +
+           " on=" + (environment ? "environment-board" : "board-2") + " output=" + std::to_string(relay) +
+           " state=" + (on ? "on" : "off") + "\n";
+  }
+  environment_->describe_inputs(out);
 }
 
 void Board::describe_gpio(std::string& out) const {

@@ -1,7 +1,8 @@
 // The simulated board while it is up: the power-up state of the GPIO lines, sim/board.pid
 // (which tells tools and people that a board is up and which process holds it), the seven
-// UARTs with what sits at their far ends, and the state and control files under sim/. One
-// service thread moves the serial bytes, takes control lines and keeps sim/state current.
+// UARTs with what sits at their far ends (the two extension boards, and the environment board
+// behind board 1), and the state and control files under sim/. One service thread moves the
+// serial bytes, takes control lines and keeps sim/state current.
 #pragma once
 
 #include <cstdint>
@@ -15,6 +16,8 @@
 #include <vector>
 
 #include "sim/control.h"
+#include "sim/environment_board.h"
+#include "sim/extension_board.h"
 #include "sim/state_file.h"
 #include "sim/uart.h"
 
@@ -49,9 +52,17 @@ class Board {
  private:
   void serve();
   void take_control(double now);
-  std::string set_uart_mode(std::span<const std::string_view> args);
+  std::string set_uart(std::span<const std::string_view> args);
+  std::string set_port(std::span<const std::string_view> args);
+  std::string set_port_end(Uart& uart, std::string_view mode);
+  std::string set_board(std::span<const std::string_view> args);
+  std::string set_environment(std::span<const std::string_view> args);
+  std::string set_analogue(std::span<const std::string_view> args);
+  std::string set_contact(std::span<const std::string_view> args);
   void say(const std::string& message) const;
   void describe_board(std::string& out) const;
+  void describe_serial(std::string& out) const;
+  void describe_extensions(std::string& out) const;
   void describe_gpio(std::string& out) const;
   void describe_control(std::string& out) const;
   void close_ports();
@@ -59,7 +70,9 @@ class Board {
   std::string root_;
   BoardOptions options_;
   bool up_ = false;
+  std::unique_ptr<EnvironmentBoard> environment_;  // outlives the ports, whose boards use it
   std::vector<std::unique_ptr<Uart>> uarts_;
+  ExtensionBoard* extensions_[2] = {nullptr, nullptr};  // the far ends of ports 5 and 6
   CommandTable commands_;
   ControlFile control_;
   StateFile state_;

@@ -36,14 +36,15 @@ constexpr char kUsage[] =
     "  fsusim up --root DIR [PORT OPTION...]\n"
     "      keep a simulated board up in DIR until interrupted\n"
     "  fsusim ctl --root DIR LINE...\n"
-    "      hand control lines (such as \"uart 2 terminal\") to the board up in DIR and wait\n"
-    "      until it has taken them; exits 1 when one was rejected\n"
+    "      hand control lines (such as \"uart 2 terminal\" or \"ai 3 2.5\") to the board up in\n"
+    "      DIR and wait until it has taken them; exits 1 when one was rejected\n"
     "  fsusim tool NAME ARG...\n"
     "      the simulator's side of a stand-in device tool (uci)\n"
-    "port options (N is 1 to 7 for /dev/ttymxc1 to /dev/ttymxc7):\n"
+    "port options (N is 1 to 12 for Local/Uart/1 to Local/Uart/12; 1 to 4 are the main\n"
+    "board's ports, 5 to 12 the channels of the extension boards):\n"
     "  --terminal N   a terminal for a person at the far end of port N (its path is printed)\n"
     "  --silent N     nothing at the far end of port N\n"
-    "  --loopback N   a loopback plug at the far end of port N (ports 1 to 4 have one anyway)\n";
+    "  --loopback N   a loopback plug at the far end of port N (every port has one anyway)\n";
 
 int usage(int code) {
   std::fputs(kUsage, stderr);

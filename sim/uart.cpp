@@ -134,8 +134,8 @@ void Uart::add_poll_fds(std::vector<pollfd>& fds) const {
   if (wake >= 0) fds.push_back({wake, POLLIN, 0});
 }
 
-void Uart::describe(std::string& out) const {
-  out += "uart " + std::to_string(number_) + " device=/dev/ttymxc" + std::to_string(number_) + " for=" + use_ +
+void Uart::describe(std::string_view name, std::string& out) const {
+  out += std::string(name) + " device=/dev/ttymxc" + std::to_string(number_) + " for=" + use_ +
          " mode=" + std::string(device_ ? device_->mode() : "none");
   if (device_) device_->describe(out);
   // Read afresh: the SDK may have set the line since the port last carried a byte.

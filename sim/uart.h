@@ -83,8 +83,8 @@ class Uart {
 
   int number() const { return number_; }
   const std::string& use() const { return use_; }
-  // The port's line of the state file.
-  void describe(std::string& out) const;
+  // The port's line of the state file, opening with `name` ("uart 1", "port 5").
+  void describe(std::string_view name, std::string& out) const;
 
  private:
   void take_from_sdk();

@@ -130,7 +130,7 @@ TEST(FsusimPorts, TerminalsAndControlFromTheCommandLine) {
   const std::string unit = box.path("/tmp/unit");
   EXPECT_NE(capture(kFsusim + " run --terminal 2 -- true 2>&1").find("fsusim: Local/Uart/2 terminal: /dev/pts/"),
             std::string::npos);
-  EXPECT_EQ(exit_code(kFsusim + " run --silent 8 -- true 2>/dev/null"), 1);
+  EXPECT_EQ(exit_code(kFsusim + " run --silent 13 -- true 2>/dev/null"), 1);
   EXPECT_EQ(exit_code(kFsusim + " ctl --root " + unit + " 'uart 1 silent' 2>/dev/null"), 1);  // no board up
   {
     fsu::test::ConsoleDriver up({kFsusim, "up", "--root", unit, "--terminal", "2", "--silent=3"},

@@ -3,119 +3,18 @@
 // the state and control files that show and change them.
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <cstring>
-#include <mutex>
-#include <fcntl.h>
 #include <fstream>
 #include <string>
 #include <termios.h>
 #include <unistd.h>
 #include <vector>
 
-#include "platform/clock.h"
-#include "sim/board.h"
-#include "sim/control_client.h"
-#include "tests/common/test_sandbox.h"
+#include "tests/sim/board_fixture.h"
 
 namespace fsu::sim {
 namespace {
 
 using fsu::test::TestSandbox;
-
-bool poll_until(double seconds, const auto& done) {
-  const double deadline = platform::monotonic_seconds() + seconds;
-  while (!done()) {
-    if (platform::monotonic_seconds() > deadline) return false;
-    platform::sleep_ms(2);
-  }
-  return true;
-}
-
-// Opens a port as the SDK's driver does: read-write with synchronous writes, raw, reads that
-// return at once, both queues flushed.
-int open_port(const std::string& path, speed_t speed, tcflag_t extra_cflag = 0) {
-  const int fd = open(path.c_str(), O_RDWR | O_DSYNC | O_CLOEXEC);
-  termios tio{};
-  if (fd < 0 || tcgetattr(fd, &tio) != 0) return -1;
-  cfmakeraw(&tio);
-  cfsetispeed(&tio, speed);
-  cfsetospeed(&tio, speed);
-  tio.c_cflag |= extra_cflag;
-  tio.c_cc[VMIN] = 0;
-  tio.c_cc[VTIME] = 0;
-  tcflush(fd, TCIOFLUSH);
-  tcsetattr(fd, TCSANOW, &tio);
-  return fd;
-}
-
-void put(int fd, const std::string& bytes) {
-  ASSERT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size())) << std::strerror(errno);
-}
-
-// Collects what `fd` gives until `size` bytes came or `seconds` passed.
-std::string take(int fd, std::size_t size, double seconds) {
-  std::string got;
-  poll_until(seconds, [&] {
-    char buf[4096];
-    const ssize_t n = read(fd, buf, sizeof buf);
-    if (n > 0) got.append(buf, static_cast<std::size_t>(n));
-    return got.size() >= size;
-  });
-  return got;
-}
-
-// The line of sim/state that starts with `prefix`.
-std::string state_line(const TestSandbox& box, const std::string& prefix) {
-  const std::string state = box.read("/sim/state");
-  const std::size_t at = state.find("\n" + prefix);
-  if (at == std::string::npos) return "";
-  return state.substr(at + 1, state.find('\n', at + 1) - at - 1);
-}
-
-bool state_shows(const TestSandbox& box, const std::string& prefix, const std::string& text) {
-  return poll_until(2, [&] { return state_line(box, prefix).find(text) != std::string::npos; });
-}
-
-std::string field(const std::string& line, const std::string& key) {
-  const std::size_t at = line.find(" " + key + "=");
-  if (at == std::string::npos) return "";
-  const std::size_t start = at + key.size() + 2;
-  return line.substr(start, line.find(' ', start) - start);
-}
-
-struct RunningBoard {
-  explicit RunningBoard(std::vector<std::string> commands = {}) : board(box.root(), options(std::move(commands))) {
-    std::string error;
-    started = board.start(&error);
-    EXPECT_TRUE(started) << error;
-  }
-  BoardOptions options(std::vector<std::string> commands) {
-    BoardOptions out;
-    out.commands = std::move(commands);
-    out.report = [this](const std::string& message) {
-      const std::lock_guard lock(said_lock);
-      said_text += message + "\n";
-    };
-    return out;
-  }
-  std::vector<std::string> control(std::vector<std::string> lines) {
-    std::vector<std::string> errors;
-    send_control(box.root(), lines, 5, &errors);
-    return errors;
-  }
-
-  std::string said() {
-    const std::lock_guard lock(said_lock);
-    return said_text;
-  }
-
-  TestSandbox box;
-  std::mutex said_lock;
-  std::string said_text;  // what the board reported, from its own thread
-  Board board;
-  bool started = false;
-};
 
 std::string all_byte_values(std::size_t size) {
   std::string out;
@@ -149,11 +48,10 @@ TEST(SerialPorts, LoopbackPlugSendsEveryByteBackAtTheLineRate) {
 TEST(SerialPorts, SilentPortsTakeBytesAndSendNothing) {
   RunningBoard unit({"uart 3 silent"});
   ASSERT_TRUE(unit.started);
-  for (const char* port : {"/dev/ttymxc3", "/dev/ttymxc5", "/dev/ttymxc6", "/dev/ttymxc7"}) {
+  for (const auto& [port, prefix] : {std::pair{"/dev/ttymxc3", "uart 3 "}, std::pair{"/dev/ttymxc7", "port 7 "}}) {
     const int fd = open_port(unit.box.path(port), B115200);
     ASSERT_GE(fd, 0) << port;
     put(fd, "hello?");
-    const std::string prefix = std::string("uart ") + port[11] + " ";
     EXPECT_TRUE(state_shows(unit.box, prefix, "mode=silent")) << port;
     EXPECT_TRUE(state_shows(unit.box, prefix, "from_sdk=6 to_sdk=0")) << port;
     EXPECT_EQ(take(fd, 1, 0.1), "") << port;
@@ -208,11 +106,11 @@ TEST(Control, ReportsBadLinesAndCarriesOn) {
   RunningBoard unit;
   ASSERT_TRUE(unit.started);
   const std::vector<std::string> errors =
-      unit.control({"frob 1", "uart 9 loopback", "uart 2 sideways", "uart 2", "uart x1 silent", "uart 3 silent"});
+      unit.control({"frob 1", "uart 13 loopback", "uart 2 sideways", "uart 2", "uart x1 silent", "uart 3 silent"});
   ASSERT_EQ(errors.size(), 5u);
-  EXPECT_NE(errors[0].find("\"frob 1\": unknown command (commands: uart)"), std::string::npos) << errors[0];
-  EXPECT_NE(errors[1].find("no port 9 (ports are 1 to 7)"), std::string::npos) << errors[1];
-  EXPECT_NE(errors[2].find("no mode sideways; usage: uart N loopback|terminal|silent"), std::string::npos) << errors[2];
+  EXPECT_NE(errors[0].find("\"frob 1\": unknown command (commands: uart, port, board, env, ai, di)"), std::string::npos) << errors[0];
+  EXPECT_NE(errors[1].find("no port 13 (ports are 1 to 12)"), std::string::npos) << errors[1];
+  EXPECT_NE(errors[2].find("no mode sideways; usage: uart N loopback|terminal|silent (N 1 to 12)"), std::string::npos) << errors[2];
   EXPECT_NE(errors[3].find("\"uart 2\": needs a port and a mode"), std::string::npos) << errors[3];
   EXPECT_NE(errors[4].find("no port x1"), std::string::npos) << errors[4];
   EXPECT_EQ(state_line(unit.box, "control "), "control applied=1 failed=5");
@@ -265,10 +163,10 @@ TEST(Board, GoesDownCleanlyAndComesUpAgain) {
 
 TEST(Board, RefusesABadStartUpCommandAndLeavesNothingBehind) {
   TestSandbox box;
-  Board board(box.root(), {.commands = {"uart 8 terminal"}, .report = {}});
+  Board board(box.root(), {.commands = {"uart 13 terminal"}, .report = {}});
   std::string error;
   EXPECT_FALSE(board.start(&error));
-  EXPECT_NE(error.find("no port 8"), std::string::npos) << error;
+  EXPECT_NE(error.find("no port 13"), std::string::npos) << error;
   EXPECT_FALSE(box.exists("/dev/ttymxc1"));
   EXPECT_FALSE(box.exists("/sim/board.pid"));
 }

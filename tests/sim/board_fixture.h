@@ -1,0 +1,118 @@
+// A simulated board brought up in a fresh sandbox for one test, with the helpers the board's
+// tests share: opening a port as the SDK's driver does, moving bytes with deadlines, and
+// reading sim/state.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <mutex>
+#include <string>
+#include <termios.h>
+#include <unistd.h>
+#include <vector>
+
+#include "platform/clock.h"
+#include "sim/board.h"
+#include "sim/control_client.h"
+#include "tests/common/test_sandbox.h"
+
+namespace fsu::sim {
+
+inline bool poll_until(double seconds, const auto& done) {
+  const double deadline = platform::monotonic_seconds() + seconds;
+  while (!done()) {
+    if (platform::monotonic_seconds() > deadline) return false;
+    platform::sleep_ms(2);
+  }
+  return true;
+}
+
+// Opens a port as the SDK's driver does: read-write with synchronous writes, raw, reads that
+// return at once; both queues flushed unless `flush` is false.
+inline int open_port(const std::string& path, speed_t speed, tcflag_t extra_cflag = 0, bool flush = true) {
+  const int fd = open(path.c_str(), O_RDWR | O_DSYNC | O_CLOEXEC);
+  termios tio{};
+  if (fd < 0 || tcgetattr(fd, &tio) != 0) return -1;
+  cfmakeraw(&tio);
+  cfsetispeed(&tio, speed);
+  cfsetospeed(&tio, speed);
+  tio.c_cflag |= extra_cflag;
+  tio.c_cc[VMIN] = 0;
+  tio.c_cc[VTIME] = 0;
+  if (flush) tcflush(fd, TCIOFLUSH);
+  tcsetattr(fd, TCSANOW, &tio);
+  return fd;
+}
+
+inline void put(int fd, const std::string& bytes) {
+  ASSERT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size())) << std::strerror(errno);
+}
+
+// Collects what `fd` gives until `size` bytes came or `seconds` passed.
+inline std::string take(int fd, std::size_t size, double seconds) {
+  std::string got;
+  poll_until(seconds, [&] {
+    char buf[4096];
+    const ssize_t n = read(fd, buf, sizeof buf);
+    if (n > 0) got.append(buf, static_cast<std::size_t>(n));
+    return got.size() >= size;
+  });
+  return got;
+}
+
+// The line of sim/state that starts with `prefix`.
+inline std::string state_line(const test::TestSandbox& box, const std::string& prefix) {
+  const std::string state = box.read("/sim/state");
+  const std::size_t at = state.find("\n" + prefix);
+  if (at == std::string::npos) return "";
+  return state.substr(at + 1, state.find('\n', at + 1) - at - 1);
+}
+
+inline bool state_shows(const test::TestSandbox& box, const std::string& prefix, const std::string& text) {
+  return poll_until(2, [&] { return state_line(box, prefix).find(text) != std::string::npos; });
+}
+
+inline std::string field(const std::string& line, const std::string& key) {
+  const std::size_t at = line.find(" " + key + "=");
+  if (at == std::string::npos) return "";
+  const std::size_t start = at + key.size() + 2;
+  return line.substr(start, line.find(' ', start) - start);
+}
+
+struct RunningBoard {
+  explicit RunningBoard(std::vector<std::string> commands = {}) : board(box.root(), options(std::move(commands))) {
+    std::string error;
+    started = board.start(&error);
+    EXPECT_TRUE(started) << error;
+  }
+  BoardOptions options(std::vector<std::string> commands) {
+    BoardOptions out;
+    out.commands = std::move(commands);
+    out.report = [this](const std::string& message) {
+      const std::lock_guard lock(said_lock);
+      said_text += message + "\n";
+    };
+    return out;
+  }
+  std::vector<std::string> control(std::vector<std::string> lines) {
+    std::vector<std::string> errors;
+    send_control(box.root(), lines, 5, &errors);
+    return errors;
+  }
+
+  std::string said() {
+    const std::lock_guard lock(said_lock);
+    return said_text;
+  }
+
+  test::TestSandbox box;
+  std::mutex said_lock;
+  std::string said_text;  // what the board reported, from its own thread
+  Board board;
+  bool started = false;
+};
+
+}  // namespace fsu::sim
