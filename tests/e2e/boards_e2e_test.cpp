@@ -1,0 +1,130 @@
+// Applications and benchkit on the simulated board's extension and environment boards: inputs
+// set on the board reach the application, relays follow the console's items, the board LEDs
+// follow the links.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "platform/clock.h"
+#include "tests/common/console_driver.h"
+#include "tests/common/test_sandbox.h"
+#include "tests/sim/board_fixture.h"
+
+namespace fsu::test {
+namespace {
+
+using sim::poll_until;
+using sim::state_shows;
+
+// Hands control lines to the board up in the sandbox with `fsusim ctl`.
+void control(const TestSandbox& box, std::vector<std::string> lines) {
+  std::vector<std::string> argv = {fsusim_path(), "ctl", "--root", box.root()};
+  argv.insert(argv.end(), lines.begin(), lines.end());
+  ConsoleDriver ctl(argv, ConsoleDriver::Mode::kPipes);
+  ASSERT_EQ(ctl.wait_exit(10), 0) << ctl.output();
+}
+
+char gpio(const TestSandbox& box, int line) {
+  const std::string value = box.read("/sys/class/gpio/gpio" + std::to_string(line) + "/value");
+  return value.empty() ? '?' : value[0];
+}
+
+// The times at which a GPIO line changed its value while it was watched for `seconds`.
+std::vector<double> changes(const TestSandbox& box, int line, double seconds) {
+  std::vector<double> at;
+  char last = gpio(box, line);
+  const double start = platform::monotonic_seconds();
+  poll_until(seconds, [&] {
+    const char now = gpio(box, line);
+    if (now != last) at.push_back(platform::monotonic_seconds() - start);
+    last = now;
+    return false;
+  });
+  return at;
+}
+
+// An application on the board that reads points on request (tests/e2e/board_points.c).
+class PointsApp {
+ public:
+  explicit PointsApp(const TestSandbox& box)
+      : app_({fsusim_path(), "run", "--root", box.root(), "--", FSU_TEST_BOARD_POINTS}, ConsoleDriver::Mode::kPipes) {
+    ready_ = app_.wait_for("board_points: ready\n", 60);
+  }
+  bool ready() const { return ready_; }
+  ConsoleDriver& console() { return app_; }
+
+  // Asks for a point ("ai 3") until `accept` takes the answer's value or `seconds` pass; the
+  // last value given.
+  double ask_until(const std::string& point, double seconds, const auto& accept) {
+    double value = -1;
+    poll_until(seconds, [&] {
+      app_.send(point + "\n");
+      const std::string prefix = point + " = ";
+      if (!app_.wait_for_count(prefix, ++asked_[point], 2)) return false;
+      const std::string& out = app_.output();
+      value = std::strtod(out.c_str() + out.rfind(prefix) + prefix.size(), nullptr);
+      return accept(value);
+    });
+    return value;
+  }
+
+ private:
+  ConsoleDriver app_;
+  bool ready_ = false;
+  std::map<std::string, int> asked_;
+};
+
+bool snapped_to_2_5(double volts) { return volts >= 2.5 && volts <= 2.5 + 9e-6 + 1e-7; }
+
+TEST(BoardsOnSimulator, InputsSetOnTheBoardReachAnApplicationAndStayWhenBoardOneFallsSilent) {
+  TestSandbox box;
+  PointsApp app(box);
+  ASSERT_TRUE(app.ready()) << app.console().output();
+  EXPECT_TRUE(poll_until(3, [&] { return gpio(box, 4) == '0'; }));  // the board LED: answers come in
+
+  control(box, {"ai 3 2.5", "di 5 closed"});
+  EXPECT_TRUE(snapped_to_2_5(app.ask_until("ai 3", 5, snapped_to_2_5)));
+  EXPECT_EQ(app.ask_until("di 5", 5, [](double state) { return state == 1; }), 1);
+  EXPECT_EQ(app.ask_until("di 6", 1, [](double) { return true; }), 0);
+
+  control(box, {"board 1 silent", "ai 3 1", "di 5 open"});
+  EXPECT_TRUE(poll_until(3, [&] { return gpio(box, 4) == '1'; }));
+  EXPECT_TRUE(changes(box, 4, 2.5).empty());  // stays dark
+  EXPECT_TRUE(snapped_to_2_5(app.ask_until("ai 3", 0.1, [](double) { return true; })));
+  EXPECT_EQ(app.ask_until("di 5", 0.1, [](double) { return true; }), 1);
+
+  control(box, {"board 1 on"});
+  EXPECT_TRUE(poll_until(3, [&] { return gpio(box, 4) == '0'; }));
+  EXPECT_NEAR(app.ask_until("ai 3", 5, [](double volts) { return volts < 2; }), 1.0, 1e-5);
+}
+
+TEST(BoardsOnSimulator, RunLedBlinksUntilAnApplicationTakesTheLeds) {
+  TestSandbox box;
+  PointsApp app(box);
+  ASSERT_TRUE(app.ready()) << app.console().output();
+  const std::vector<double> blinks = changes(box, 1, 3.6);
+  ASSERT_GE(blinks.size(), 3u);
+  for (std::size_t i = 1; i < blinks.size(); ++i) EXPECT_NEAR(blinks[i] - blinks[i - 1], 1.0, 0.3) << i;
+
+  app.console().send("led\n");
+  ASSERT_TRUE(app.console().wait_for("led taken", 5));
+  EXPECT_LE(changes(box, 1, 3).size(), 1u);  // a pass already under way may still toggle it once
+}
+
+TEST(BenchkitOnSimulator, HiddenItemsSwitchTheRelaysOfTheEnvironmentBoardAndBoardTwo) {
+  TestSandbox box;
+  ConsoleDriver console({fsusim_path(), "run", "--root", box.root(), "--", benchkit_path()}, ConsoleDriver::Mode::kPipes);
+  ASSERT_TRUE(console.wait_for("输入测试项: ", 30)) << console.output();
+  for (const auto& [item, relay, state] : {std::tuple{"111", "relay 1 ", "state=on"}, {"110", "relay 1 ", "state=off"},
+                                           {"151", "relay 5 ", "state=on"}, {"150", "relay 5 ", "state=off"}}) {
+    console.send(std::string(item) + "\n");
+    EXPECT_TRUE(state_shows(box, relay, state)) << item;  // within 2 s
+  }
+}
+
+}  // namespace
+}  // namespace fsu::test
