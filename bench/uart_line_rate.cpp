@@ -1,7 +1,10 @@
-// Serial traffic through "Local/Uart/1" on the simulated board, both ways at the line rate,
-// with the application reading every 100 ms. Run it on fsusim with port 1 handed to a terminal,
-// which this program plays as the far device:
-//   fsusim run --terminal 1 -- bench/uart_line_rate [seconds]      (scripts/bench_uart.sh)
+// Serial traffic through "Local/Uart/N" (N = 1 unless given) on the simulated board, both ways
+// at the line rate, with the application reading every 100 ms. Run it on fsusim with the port
+// handed to a terminal, which this program plays as the far device:
+//   fsusim run --terminal 1 -- bench/uart_line_rate [seconds]         (scripts/bench_uart.sh)
+//   fsusim run --terminal 5 -- bench/uart_line_rate [seconds] 5       (scripts/bench_boards.sh)
+// Ports 5 to 12 are channels of the extension boards: their bytes also cross the board's link,
+// which runs at 115200 baud as well and carries the link frames' overhead on top.
 // It prints the bytes each side sent and received (and any loss or reordering) and the delay
 // from the moment the device put a byte on the line to ReadUart returning it.
 #include <algorithm>
@@ -24,17 +27,17 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-constexpr char kPort[] = "Local/Uart/1";
 constexpr double kLineRate = 115200.0 / 10;  // bytes per second, 8N1
 
 double seconds_since(Clock::time_point t0) { return std::chrono::duration<double>(Clock::now() - t0).count(); }
 
-std::string terminal_of_port1() {
+std::string terminal_of_port(int number) {
   std::ifstream state(std::string(std::getenv("FSU_ROOT")) + "/sim/state");
   std::string line;
   std::smatch m;
+  const std::regex terminal("^uart " + std::to_string(number) + " .*terminal=(/dev/pts/[0-9]+)");
   while (std::getline(state, line)) {
-    if (std::regex_search(line, m, std::regex("^uart 1 .*terminal=(/dev/pts/[0-9]+)"))) return m[1];
+    if (std::regex_search(line, m, terminal)) return m[1];
   }
   return "";
 }
@@ -46,16 +49,18 @@ std::uint8_t pattern(std::uint64_t i) { return static_cast<std::uint8_t>(i % 251
 
 int main(int argc, char** argv) {
   const double duration = argc > 1 ? std::atof(argv[1]) : 60;
-  if (std::getenv("FSU_ROOT") == nullptr) {
-    std::fprintf(stderr, "run me on fsusim: fsusim run --terminal 1 -- %s [seconds]\n", argv[0]);
+  const int number = argc > 2 ? std::atoi(argv[2]) : 1;
+  if (std::getenv("FSU_ROOT") == nullptr || number < 1 || number > 12) {
+    std::fprintf(stderr, "run me on fsusim: fsusim run --terminal N -- %s [seconds] [N]\n", argv[0]);
     return 2;
   }
+  const std::string port = "Local/Uart/" + std::to_string(number);
   InitializeSDK();
-  SetUartParam(kPort, 115200, 8, 1, 0);
-  const std::string path = terminal_of_port1();
+  SetUartParam(port.c_str(), 115200, 8, 1, 0);
+  const std::string path = terminal_of_port(number);
   const int device = path.empty() ? -1 : open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
   if (device < 0) {
-    std::fprintf(stderr, "port 1 is not handed to a terminal (fsusim run --terminal 1)\n");
+    std::fprintf(stderr, "port %d is not handed to a terminal (fsusim run --terminal %d)\n", number, number);
     return 2;
   }
   termios raw{};
@@ -109,7 +114,7 @@ int main(int argc, char** argv) {
   std::vector<double> delays;
   char buf[4096];
   const auto read_once = [&] {
-    const int n = ReadUart(kPort, buf, sizeof buf, 0);
+    const int n = ReadUart(port.c_str(), buf, sizeof buf, 0);
     if (n <= 0) return;
     const Clock::time_point now = Clock::now();
     for (int i = 0; i < n; ++i) {
@@ -125,7 +130,7 @@ int main(int argc, char** argv) {
     const auto due = static_cast<std::uint64_t>(seconds_since(t0) * kLineRate);
     std::vector<char> out;
     for (; app_sent < due; ++app_sent) out.push_back(static_cast<char>(pattern(app_sent)));
-    if (!out.empty()) WriteUart(kPort, out.data(), static_cast<int>(out.size()));
+    if (!out.empty()) WriteUart(port.c_str(), out.data(), static_cast<int>(out.size()));
     read_once();
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
@@ -142,8 +147,8 @@ int main(int argc, char** argv) {
   const auto pct = [&](double p) {
     return delays.empty() ? 0.0 : delays[std::min(delays.size() - 1, static_cast<std::size_t>(p * delays.size()))];
   };
-  std::printf("\n\nLocal/Uart/1 at 115200 8N1 for %.0f s (line rate %.0f B/s, reader ceiling 40960 B/s)\n", duration,
-              kLineRate);
+  std::printf("\n\n%s at 115200 8N1 for %.0f s (line rate %.0f B/s, reader ceiling 40960 B/s)\n", port.c_str(),
+              duration, kLineRate);
   std::printf("device -> application: sent %llu, received %llu, out of pattern %llu (%.0f B/s)\n",
               static_cast<unsigned long long>(device_sent.load()), static_cast<unsigned long long>(app_received),
               static_cast<unsigned long long>(app_bad), static_cast<double>(app_received) / duration);

@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# Whole-process figures of the board links on the simulated board, each over one minute (or $1
+# seconds):
+#  1. traffic both ways through Local/Uart/5, a channel of extension board 1, the channel and the
+#     link both at 115200 baud, the far end played through a person's terminal;
+#  2. the CPU time and peak memory of an idle SDK (InitializeSDK, then nothing);
+#  3. `benchkit web`: its CPU seconds and the simulator's over the minute after start-up, and its
+#     peak memory, from /proc.
+# Release build in build-bench/, or the already configured build folder named by FSU_BENCH_BUILD.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds="${1:-60}"
+build="${FSU_BENCH_BUILD:-}"
+if [ -z "$build" ]; then
+  build=build-bench
+  bash scripts/setup.sh
+  cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DFSU_BUILD_TESTS=OFF >/dev/null
+fi
+cmake --build "$build" -j2 --target fsusim benchkit uart_line_rate sdk_idle_cpu >/dev/null
+
+"$build/fsusim" run --terminal 5 -- "$build/bench/uart_line_rate" "$seconds" 5 | grep -A5 '^Local/Uart/5 at'
+"$build/fsusim" run -- "$build/bench/sdk_idle_cpu" "$seconds" | grep '^idle SDK'
+
+# CPU seconds (user + sys) of a process so far.
+cpu() { awk -v hz="$(getconf CLK_TCK)" '{ sub(/^.*\) /, ""); printf "%.2f", ($12 + $13) / hz }' "/proc/$1/stat"; }
+root="$(mktemp -d)"
+"$build/fsusim" run --root "$root" -- "$build/benchkit" web >/dev/null 2>&1 &
+simulator=$!
+benchkit=""
+for _ in $(seq 100); do
+  benchkit="$(pgrep -P "$simulator" -x benchkit || true)"
+  [ -n "$benchkit" ] && break
+  sleep 0.1
+done
+[ -n "$benchkit" ] || { echo "benchkit web did not start" >&2; exit 1; }
+sleep 10  # start-up: the SDK's 2 s, the console's 2 s and 3 s, the first loopback rounds
+bk0="$(cpu "$benchkit")" sim0="$(cpu "$simulator")"
+sleep "$seconds"
+bk1="$(cpu "$benchkit")" sim1="$(cpu "$simulator")"
+peak="$(awk '/^VmHWM/ { print $2, $3 }' "/proc/$benchkit/status")"
+kill -TERM "$benchkit"
+wait "$simulator" || true
+rm -rf "$root"
+awk -v b0="$bk0" -v b1="$bk1" -v s0="$sim0" -v s1="$sim1" -v t="$seconds" -v p="$peak" 'BEGIN {
+  b = b1 - b0; s = s1 - s0
+  printf "benchkit web on fsusim for %d s: benchkit CPU %.2f s (%.2f s a minute), peak memory %s; ", t, b, b * 60 / t, p
+  printf "fsusim CPU %.2f s (%.2f s a minute)\n", s, s * 60 / t }'
