@@ -28,19 +28,21 @@ void control(const TestSandbox& box, std::vector<std::string> lines) {
   ASSERT_EQ(ctl.wait_exit(10), 0) << ctl.output();
 }
 
+// The level of a GPIO line, '0' or '1'; '?' while the value file is being rewritten.
 char gpio(const TestSandbox& box, int line) {
   const std::string value = box.read("/sys/class/gpio/gpio" + std::to_string(line) + "/value");
   return value.empty() ? '?' : value[0];
 }
 
-// The times at which a GPIO line changed its value while it was watched for `seconds`.
+// The times at which a GPIO line changed its level while it was watched for `seconds`.
 std::vector<double> changes(const TestSandbox& box, int line, double seconds) {
   std::vector<double> at;
-  char last = gpio(box, line);
+  char last = '?';
   const double start = platform::monotonic_seconds();
   poll_until(seconds, [&] {
     const char now = gpio(box, line);
-    if (now != last) at.push_back(platform::monotonic_seconds() - start);
+    if (now == '?') return false;
+    if (last != '?' && now != last) at.push_back(platform::monotonic_seconds() - start);
     last = now;
     return false;
   });
