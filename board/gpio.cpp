@@ -11,16 +11,21 @@
 namespace fsu::board {
 namespace {
 
-// Writes `text` to the sysfs file at device path `path`. O_TRUNC changes nothing on sysfs and
-// keeps a plain file (the simulator's tree) holding exactly the last text written.
+// Writes `text` to the sysfs file at device path `path`. Cutting the file behind the text changes
+// nothing on sysfs and keeps a plain file (the simulator's tree) holding exactly the last text
+// written ("in" after "out"), without the moment of an empty file that truncating first gives.
 int write_sysfs(const char* path, const char* text, const char* open_message, const char* write_message) {
-  const int fd = open(platform::DevicePath(path).c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+  const int fd = open(platform::DevicePath(path).c_str(), O_WRONLY | O_CLOEXEC);
   if (fd < 0) {
     std::printf("%s", open_message);
     return -1;
   }
   const std::size_t len = std::strlen(text);
   const bool ok = write(fd, text, len) == static_cast<ssize_t>(len);
+  if (ok) {
+    const int cut = ftruncate(fd, static_cast<off_t>(len));  // sysfs may refuse: nothing to cut there
+    (void)cut;
+  }
   close(fd);
   if (!ok) {
     std::printf("%s", write_message);
