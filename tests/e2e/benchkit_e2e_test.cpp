@@ -21,8 +21,12 @@ const std::string kMenu =
     "\t21.GPS+北斗定位\n\t22.GPS 定位\n\t23.北斗 定位\n\t98.获取模块静态动态信息\n\t99.设置GPS类型\n" +
     kRule + "输入测试项: ";
 
-std::vector<std::string> benchkit_on(const TestSandbox& box, std::vector<std::string> args = {}) {
-  std::vector<std::string> argv = {fsusim_path(), "run", "--root", box.root(), "--", benchkit_path()};
+std::vector<std::string> benchkit_on(const TestSandbox& box, const std::vector<std::string>& args = {},
+                                     const std::vector<std::string>& board_options = {}) {
+  std::vector<std::string> argv = {fsusim_path(), "run", "--root", box.root()};
+  argv.insert(argv.end(), board_options.begin(), board_options.end());
+  argv.push_back("--");
+  argv.push_back(benchkit_path());
   argv.insert(argv.end(), args.begin(), args.end());
   return argv;
 }
@@ -60,7 +64,8 @@ TEST(BenchkitOnSimulator, StartsTheSdkPrintsTheMenuAndEndsWithItsInput) {
 
 TEST(BenchkitOnSimulator, APersonAtTheTerminalSwitchesTheLogAndTheTwelveVoltLines) {
   TestSandbox box;
-  ConsoleDriver console(benchkit_on(box), ConsoleDriver::Mode::kTerminal);
+  // A unit without extension boards: the least resources.
+  ConsoleDriver console(benchkit_on(box, {}, {"--without-boards"}), ConsoleDriver::Mode::kTerminal);
   ASSERT_TRUE(console.wait_for("输入测试项: ", 30)) << console.output();
   console.send("8\r");
   ASSERT_TRUE(console.wait_for("主板第一路12V上电", 10));
@@ -79,6 +84,7 @@ TEST(BenchkitOnSimulator, APersonAtTheTerminalSwitchesTheLogAndTheTwelveVoltLine
   console.send("17\r2\r");
   ASSERT_TRUE(console.wait_for_count("输入测试项: ", 7, 10));
   EXPECT_GT(box.read("/tmp/sdklog.log").size(), before);
+  EXPECT_NE(console.output().find("COM=4;AI=0;DI=0,AO=0,DO=0串口数量:4"), std::string::npos) << console.output();
 
   console.end_input();
   EXPECT_EQ(console.wait_exit(10), 0);
