@@ -222,7 +222,7 @@ void ExtensionBoard::send_gathered(int index, double now, Uart& uart) {
     data = data.first(end == data.end() ? data.size() : static_cast<std::size_t>(end - data.begin()) + 1);
     // Cut as a real link may cut it: a short head (the SDK waits for more after up to 17
     // bytes), then the rest; every fourth answer goes whole.
-    const std::size_t head = answers_ % 4 == 3 ? data.size() : std::min(data.size(), 1 + answers_ * 5 % 17);
+    const std::size_t head = answers_ % 4 == 3 ? data.size() : std::min<std::size_t>(data.size(), static_cast<std::size_t>(1 + answers_ * 5 % 17));
     ++answers_;
     send_frame(kEnvironmentAnswer, data.first(head), uart);
     if (head < data.size()) send_frame(kEnvironmentAnswer, data.subspan(head), uart);
