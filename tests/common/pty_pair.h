@@ -7,6 +7,8 @@
 #include <termios.h>
 #include <vector>
 
+#include "sim/pty_pair.h"
+
 namespace fsu::test {
 
 class PtyPair {
@@ -28,8 +30,7 @@ class PtyPair {
   termios settings() const;
 
  private:
-  int master_ = -1;
-  int keep_slave_ = -1;  // keeps the slave open so the master never reads EIO
+  sim::PtyPair pty_;  // keeps the slave open itself, so the master never reads EIO
   std::string link_;
 };
 
