@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 
+#include "fuzz/pieces.h"
 #include "sdk/resource_catalogue.h"
 #include "serial/environment_link.h"
 #include "serial/receive_buffers.h"
@@ -47,18 +48,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   if (decode_env_answer(whole.get(), size, cycle, *direct) != (size >= kEnvAnswerMin)) __builtin_trap();
   check_ranges(*direct);
 
-  std::size_t at = 1;
-  while (at + 2 <= size) {
-    std::size_t n = static_cast<std::size_t>(data[at]) << 8 | data[at + 1];
-    at += 2;
-    if (n > size - at) n = size - at;
-    auto piece = std::make_unique<std::uint8_t[]>(n + 1);  // exact size (+1 so that n = 0 works)
-    std::memcpy(piece.get(), data + at, n);
-    env_answer_handler(piece.get(), static_cast<std::int32_t>(n), cycle);
-    at += n;
+  for_each_piece(data, size, 1, [&](std::uint8_t* piece, std::int32_t n) {
+    env_answer_handler(piece, n, cycle);
     const std::int32_t gathered = LIST_MCOM_RECV_INFO[kEnvAnswerRecord].nLen.load();
     if (gathered < 0 || gathered > kEnvAnswerWait) __builtin_trap();
     check_ranges(STR_BSP_ENV_INFO);
-  }
+  });
   return 0;
 }

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 
+#include "fuzz/pieces.h"
 #include "sdk/resource_catalogue.h"
 #include "serial/environment_link.h"
 #include "serial/extension_link.h"
@@ -51,18 +52,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   reader->slot = kSlots[data[0] & 3];
   reader->cycle = (data[0] >> 2) % 10;
 
-  std::size_t at = 1, delivered = 0;
-  while (at + 2 <= size) {
-    std::size_t n = static_cast<std::size_t>(data[at]) << 8 | data[at + 1];
-    at += 2;
-    if (n > size - at) n = size - at;
-    auto piece = std::make_unique<std::uint8_t[]>(n + 1);  // exact size (+1 so that n = 0 works)
-    std::memcpy(piece.get(), data + at, n);
-    const std::int32_t kept = ext_com_feed(*reader, piece.get(), static_cast<std::int32_t>(n));
-    if (kept < 0 || static_cast<std::size_t>(kept) > n) __builtin_trap();
-    delivered += n;
-    at += n;
+  std::size_t delivered = 0;
+  for_each_piece(data, size, 1, [&](std::uint8_t* piece, std::int32_t n) {
+    const std::int32_t kept = ext_com_feed(*reader, piece, n);
+    if (kept < 0 || kept > n) __builtin_trap();
+    delivered += static_cast<std::size_t>(n);
     check(*reader, delivered);
-  }
+  });
   return 0;
 }
