@@ -1,6 +1,6 @@
-// A simulated board brought up in a fresh sandbox for one test, with the helpers the board's
-// tests share: opening a port as the SDK's driver does, moving bytes with deadlines, and
-// reading sim/state.
+// What the simulator's tests share: waiting with a deadline, shell commands run as the SDK runs
+// them, opening a port as the SDK's driver does, moving bytes, reading sim/state, and a board
+// brought up in a fresh sandbox.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "platform/clock.h"
+#include "platform/command_runner.h"
 #include "sim/board.h"
 #include "sim/control_client.h"
 #include "tests/common/test_sandbox.h"
@@ -30,8 +31,20 @@ inline bool poll_until(double seconds, const auto& done) {
   return true;
 }
 
-// Opens a port as the SDK's driver does: read-write with synchronous writes, raw, reads that
-// return at once; both queues flushed unless `flush` is false.
+inline std::string capture(const std::string& command) {
+  std::string out(8192, '\0');
+  const long n = platform::capture_command(command.c_str(), out.data(), out.size());
+  out.resize(n < 0 ? 0 : static_cast<std::size_t>(n));
+  return out;
+}
+
+inline int exit_code(const std::string& command) {
+  const int status = platform::run_command(command.c_str());
+  return status < 0 ? -1 : status >> 8;
+}
+
+// Read-write with synchronous writes, raw, reads that return at once; both queues flushed
+// unless `flush` is false.
 inline int open_port(const std::string& path, speed_t speed, tcflag_t extra_cflag = 0, bool flush = true) {
   const int fd = open(path.c_str(), O_RDWR | O_DSYNC | O_CLOEXEC);
   termios tio{};
@@ -75,34 +88,28 @@ inline bool state_shows(const test::TestSandbox& box, const std::string& prefix,
   return poll_until(2, [&] { return state_line(box, prefix).find(text) != std::string::npos; });
 }
 
-inline std::string field(const std::string& line, const std::string& key) {
-  const std::size_t at = line.find(" " + key + "=");
-  if (at == std::string::npos) return "";
-  const std::size_t start = at + key.size() + 2;
-  return line.substr(start, line.find(' ', start) - start);
+// The person's end of a port's terminal, as sim/state names it.
+inline std::string terminal_of(const test::TestSandbox& box, const std::string& prefix) {
+  const std::string line = state_line(box, prefix);
+  const std::size_t at = line.find(" terminal=");
+  return at == std::string::npos ? "" : line.substr(at + 10, line.find(' ', at + 10) - at - 10);
 }
 
 struct RunningBoard {
-  explicit RunningBoard(std::vector<std::string> commands = {}) : board(box.root(), options(std::move(commands))) {
+  explicit RunningBoard(std::vector<std::string> commands = {})
+      : board(box.root(), {.commands = std::move(commands), .report = [this](const std::string& message) {
+                             const std::lock_guard lock(said_lock);
+                             said_text += message + "\n";
+                           }}) {
     std::string error;
     started = board.start(&error);
     EXPECT_TRUE(started) << error;
-  }
-  BoardOptions options(std::vector<std::string> commands) {
-    BoardOptions out;
-    out.commands = std::move(commands);
-    out.report = [this](const std::string& message) {
-      const std::lock_guard lock(said_lock);
-      said_text += message + "\n";
-    };
-    return out;
   }
   std::vector<std::string> control(std::vector<std::string> lines) {
     std::vector<std::string> errors;
     send_control(box.root(), lines, 5, &errors);
     return errors;
   }
-
   std::string said() {
     const std::lock_guard lock(said_lock);
     return said_text;

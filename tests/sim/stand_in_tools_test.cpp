@@ -5,110 +5,67 @@
 #include <regex>
 #include <string>
 
-#include "platform/clock.h"
-#include "platform/command_runner.h"
-#include "tests/common/test_sandbox.h"
+#include "tests/sim/board_fixture.h"
 
 namespace fsu::sim {
 namespace {
 
-using fsu::test::TestSandbox;
-
-std::string capture(const std::string& command) {
-  std::string out(8192, '\0');
-  const long n = platform::capture_command(command.c_str(), out.data(), out.size());
-  out.resize(n < 0 ? 0 : static_cast<std::size_t>(n));
-  return out;
-}
-
-int exit_code(const std::string& command) {
-  const int status = platform::run_command(command.c_str());
-  return status < 0 ? -1 : status >> 8;
-}
-
-TEST(UciStandIn, GetSetCommitRoundTrip) {
-  TestSandbox box;
+TEST(UciStandIn, GetSetCommitAndRefusals) {
+  test::TestSandbox box;
   EXPECT_EQ(capture("uci get dtm.sys.pcas"), "2\n");
   EXPECT_EQ(exit_code("uci set dtm.sys.pcas_sdk=99999;uci commit"), 0);
   EXPECT_EQ(exit_code("uci set dtm.sys.pcas=3 && uci commit dtm"), 0);
-  EXPECT_EQ(capture("uci get dtm.sys.pcas_sdk; uci get dtm.sys.pcas"), "99999\n3\n");
-  EXPECT_EQ(box.read("/etc/config/dtm"), "config dtm 'sys'\n\toption pcas '3'\n\toption pcas_sdk '99999'\n");
-
   EXPECT_EQ(exit_code("uci set network.ppp0.device=/dev/ttyUSB3"), 0);
-  EXPECT_EQ(capture("uci get network.ppp0.device; uci get network.lan.proto"), "/dev/ttyUSB3\nstatic\n");
-  EXPECT_EQ(box.calls(),
-            "uci get dtm.sys.pcas\nuci set dtm.sys.pcas_sdk=99999\nuci commit\nuci set dtm.sys.pcas=3\n"
-            "uci commit dtm\nuci get dtm.sys.pcas_sdk\nuci get dtm.sys.pcas\n"
-            "uci set network.ppp0.device=/dev/ttyUSB3\nuci get network.ppp0.device\nuci get network.lan.proto\n");
-}
+  EXPECT_EQ(capture("uci get dtm.sys.pcas_sdk; uci get network.ppp0.device; uci get network.lan.proto"),
+            "99999\n/dev/ttyUSB3\nstatic\n");
+  EXPECT_EQ(box.read("/etc/config/dtm"), "config dtm 'sys'\n\toption pcas '3'\n\toption pcas_sdk '99999'\n");
+  EXPECT_EQ(box.calls().rfind("uci get dtm.sys.pcas\nuci set dtm.sys.pcas_sdk=99999\nuci commit\nuci set dtm.sys.pcas=3\n", 0), 0u);
 
-TEST(UciStandIn, RefusesWhatItCannotDoAndChangesNothing) {
-  TestSandbox box;
   const std::string dtm = box.read("/etc/config/dtm");
-  EXPECT_EQ(capture("uci get dtm.sys.pcas_sdk 2>&1"), "uci: Entry not found\n");
-  EXPECT_EQ(exit_code("uci get dtm.sys.pcas_sdk 2>/dev/null"), 1);
+  EXPECT_EQ(capture("uci get dtm.sys.nothing 2>&1; echo $?"), "uci: Entry not found\n1\n");
   EXPECT_EQ(capture("uci get nothing.sys.pcas 2>&1"), "uci: Entry not found\n");
   for (const char* bad : {"uci set nothing.sys.pcas=1", "uci set dtm.nosection.pcas=1", "uci set \"dtm.sys.pcas=it's\"",
-                          "uci set dtm.sys.pcas", "uci get ../../../etc/passwd.x.y"}) {
+                          "uci set dtm.sys.pcas", "uci get ../../../etc/passwd.x.y", "uci get dtm..pcas"}) {
     EXPECT_EQ(capture(std::string(bad) + " 2>&1; echo $?"), "uci: Invalid argument\n1\n") << bad;
   }
   EXPECT_FALSE(box.exists("/etc/config/nothing"));
   EXPECT_EQ(box.read("/etc/config/dtm"), dtm);
   // The tool acts on a sandbox only.
-  EXPECT_NE(exit_code(std::string("env -u FSU_ROOT ") + fsu::test::fsusim_path() + " tool uci get dtm.sys.pcas"), 0);
+  EXPECT_NE(exit_code(std::string("env -u FSU_ROOT ") + test::fsusim_path() + " tool uci get dtm.sys.pcas"), 0);
 }
 
 TEST(StandIns, RecordTheirCommandLinesAndNeverTouchTheHost) {
-  TestSandbox box;
+  test::TestSandbox box;
   const std::time_t before = platform::seconds_now();
-  EXPECT_EQ(capture("date -s '2001-01-01 00:00:00'"), "2001-01-01 00:00:00\n");
-  EXPECT_EQ(capture("date --set=2001-01-01; date -us 2001-01-02; date 010100002001"),
-            "2001-01-01\n2001-01-02\n010100002001\n");
-  for (const char* command : {"hwclock -w", "hwclock -s", "reboot", "killall /product/app/bin/fieldsvc",
-                              "kvupgrade -f >/dev/null 2>&1", "user.sh add ftp secret /tmp"}) {
-    EXPECT_EQ(capture(command), "") << command;
-    EXPECT_EQ(exit_code(command), 0) << command;
+  EXPECT_EQ(capture("date -s '2001-01-01 00:00:00'; date --set=2001-01-01; date -us 2001-01-02"),
+            "2001-01-01 00:00:00\n2001-01-01\n2001-01-02\n");
+  for (const char* command : {"hwclock -w", "reboot", "killall /product/app/bin/fieldsvc", "kvupgrade -f >/dev/null 2>&1",
+                              "user.sh add ftp secret /tmp"}) {
+    EXPECT_EQ(capture(command + std::string("; echo $?")), "0\n") << command;
   }
   EXPECT_GE(platform::seconds_now(), before);
   EXPECT_EQ(capture("date +%Y"), std::to_string(platform::local_time(platform::seconds_now()).tm_year + 1900) + "\n");
   EXPECT_EQ(box.calls(),
-            "date -s 2001-01-01 00:00:00\ndate --set=2001-01-01\ndate -us 2001-01-02\ndate 010100002001\n"
-            "hwclock -w\nhwclock -w\nhwclock -s\nhwclock -s\nreboot\nreboot\n"
-            "killall /product/app/bin/fieldsvc\nkillall /product/app/bin/fieldsvc\nkvupgrade -f\nkvupgrade -f\n"
-            "user.sh add ftp secret /tmp\nuser.sh add ftp secret /tmp\ndate +%Y\n");
-}
-
-TEST(StandIns, HwclockReadsTheTimeUnlessTheClockIsFaulty) {
-  TestSandbox box;
-  const std::regex device_form(
-      "(Mon|Tue|Wed|Thu|Fri|Sat|Sun) [A-Z][a-z]{2} [ 123][0-9] [0-2][0-9]:[0-5][0-9]:[0-6][0-9] 2[0-9]{3}  "
-      "0\\.000000 seconds\n");
-  EXPECT_TRUE(std::regex_match(capture("hwclock -r"), device_form)) << capture("hwclock -r");
-  box.write("/sim/rtc_fault", "");
-  EXPECT_EQ(capture("hwclock -r"), "");
-  EXPECT_EQ(exit_code("hwclock -r"), 1);
-  EXPECT_EQ(exit_code("hwclock -w"), 0);
+            "date -s 2001-01-01 00:00:00\ndate --set=2001-01-01\ndate -us 2001-01-02\nhwclock -w\nreboot\n"
+            "killall /product/app/bin/fieldsvc\nkvupgrade -f\nuser.sh add ftp secret /tmp\ndate +%Y\n");
+  // The clock reads in the device's own form (a faulty clock is the SDK's tests' business).
+  EXPECT_TRUE(std::regex_match(capture("hwclock -r"),
+                               std::regex("(Mon|Tue|Wed|Thu|Fri|Sat|Sun) [A-Z][a-z]{2} [ 123][0-9] [0-2][0-9]:[0-5][0-9]:"
+                                          "[0-6][0-9] 2[0-9]{3}  0\\.000000 seconds\n")));
 }
 
 TEST(StandIns, ModemIsListedAndTheLinkComesUpWithTheDialScript) {
-  TestSandbox box;
+  test::TestSandbox box;
   EXPECT_EQ(capture("lsusb"), box.read("/sim/usb"));
   EXPECT_EQ(capture("ifconfig ppp0 2>&1; echo $?"),
             "ifconfig: ppp0: error fetching interface information: Device not found\n1\n");
-  EXPECT_EQ(capture("ifconfig").find("ppp0"), std::string::npos);
-
   EXPECT_EQ(exit_code("nohup  lte.sh >/dev/null 2>&1"), 0);
-  EXPECT_EQ(box.read("/sim/ppp0"), "10.64.12.34\n");
   const std::string ppp0 = capture("ifconfig ppp0");
   EXPECT_NE(ppp0.find("inet addr:10.64.12.34  P-t-P:10.64.64.64  Mask:255.255.255.255\n"), std::string::npos);
   EXPECT_GE(ppp0.size(), 200u);  // the SDK takes shorter output for a missing interface
-  const std::string all = capture("ifconfig");
-  EXPECT_EQ(all.find("lo "), 0u);
-  EXPECT_NE(all.find(ppp0), std::string::npos);
-
+  EXPECT_NE(capture("ifconfig").find(ppp0), std::string::npos);
   box.write("/sim/ppp0", "10.1.2.3\n");
   EXPECT_NE(capture("ifconfig ppp0").find("inet addr:10.1.2.3  "), std::string::npos);
-  EXPECT_NE(exit_code("ifconfig ppp1 2>/dev/null"), 0);
 }
 
 }  // namespace
