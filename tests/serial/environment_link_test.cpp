@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "sdk/resource_catalogue.h"
 #include "serial/environment_link.h"
@@ -48,11 +49,10 @@ TEST(EnvironmentAnswer, ConvertsWordsInputsRelaysAndStatus) {
                                    "FE0f0005810000000000005A"),
                             0);
   EXPECT_NEAR(info->fAiVolt[0].load(), 1.6, 1e-6);
-  EXPECT_EQ(info->fAiVolt[1].load() + info->fAiVolt[2].load(), 0.0f);
+  EXPECT_EQ(info->fAiVolt[1].load() + info->fAiVolt[2].load(), 0.0f);  // 0xFFFE and 0xFFFF: no reading
   EXPECT_EQ(info->usAiVoltRaw[1].load(), 0xFFFE);
-  EXPECT_FLOAT_EQ(info->fAiCurr[0].load(), 4.0f);
-  EXPECT_FLOAT_EQ(info->fAiCurr[2].load(), 20.0f);
-  EXPECT_EQ(info->fAiCurr[1].load() + info->fAiCurr[3].load(), 0.0f);
+  EXPECT_EQ(std::vector<float>({info->fAiCurr[0], info->fAiCurr[1], info->fAiCurr[2], info->fAiCurr[3]}),
+            std::vector<float>({4.0f, 0.0f, 20.0f, 0.0f}));  // 0x3200 to 0xFFFA only
   EXPECT_EQ(digits(info->ucDi), "1000000000001111");  // FE: input 1 closed; 0f: 13 to 16 closed
   EXPECT_EQ(digits(info->ucDoState), "10100000");
   EXPECT_EQ(digits(info->ucStatusBits), "10000001");
@@ -68,7 +68,8 @@ TEST(EnvironmentAnswer, SnapsReadingsNearATenthOfAVoltWithAFewMicrovolts) {
     std::uint16_t raw;
     double volts;
     bool snapped;
-  } cases[] = {{0x6434, 2.0, true}, {0x68C2, 2.1, true}, {0x68AD, 2.1, true}, {0x6680, 2.05, false}, {0x0200, 0.04, false}};
+  } cases[] = {{0x6434, 2.0, true},      {0x68C2, 2.1, true},   {0x68AD, 2.1, true},
+               {0x6446, 2.00546875, false}, {0x6680, 2.05, false}, {0x0200, 0.04, false}};
   for (const auto& k : cases) {
     std::uint16_t volts[16];
     std::fill(std::begin(volts), std::end(volts), k.raw);
@@ -110,7 +111,10 @@ TEST(EnvironmentGathering, WaitsUpTo17BytesDiscardsShortAnswersDecodesFrom186) {
 
 TEST(RelayCommand, CarriesRequestsThenFollowsTheBoard) {
   std::uint8_t frame[kEnvRelayFrame];
-  const auto mask = [&] { return AscToHex(reinterpret_cast<const char*>(frame) + 15); };
+  const auto mask = [&] {  // the relay byte of a freshly built command
+    SET_DO_CMD(frame, sizeof frame);
+    return AscToHex(reinterpret_cast<const char*>(frame) + 15);
+  };
   EXPECT_EQ(DO_API_SET_CHECK(), -1);
   STR_BSP_ENV_INFO.ucDoSetValue[0].store(1);
   STR_BSP_ENV_INFO.ucDoSetFlag[0].store(1);
@@ -122,17 +126,16 @@ TEST(RelayCommand, CarriesRequestsThenFollowsTheBoard) {
   EXPECT_EQ(std::string(frame, frame + 38), "~FFFF0555B014FF01FFFFFFFFFFFFFFFFF7F5\r");
   EXPECT_EQ(DO_API_SET_CHECK(), -1);
 
-  STR_BSP_ENV_INFO.ucDoSetValue[1].store(1);  // DO 2 on: DO 1 stays on
-  STR_BSP_ENV_INFO.ucDoSetFlag[1].store(1);
-  SET_DO_CMD(frame, sizeof frame);
+  const auto request = [](int output, int value) {
+    STR_BSP_ENV_INFO.ucDoSetValue[output].store(value);
+    STR_BSP_ENV_INFO.ucDoSetFlag[output].store(1);
+  };
+  request(1, 1);  // DO 2 on: DO 1 stays on
   EXPECT_EQ(mask(), 0x03);
   STR_BSP_ENV_INFO.ucDoState[0].store(1);  // DO 1 asked off while the board reports it on
-  STR_BSP_ENV_INFO.ucDoSetValue[0].store(0);
-  STR_BSP_ENV_INFO.ucDoSetFlag[0].store(1);
-  SET_DO_CMD(frame, sizeof frame);
+  request(0, 0);
   EXPECT_EQ(mask(), 0x02);
-  SET_DO_CMD(frame, sizeof frame);  // nothing pending: the reported state again
-  EXPECT_EQ(mask(), 0x03);
+  EXPECT_EQ(mask(), 0x03);  // nothing pending: the reported state again
 }
 
 }  // namespace
