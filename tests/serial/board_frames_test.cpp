@@ -1,0 +1,248 @@
+// The frames exchanged with the boards, without a wire: golden vectors of the ASCII and link
+// formats, the link-frame cutter on the streams a UART really delivers, and the environment
+// board's answers (fixed positions, snapping, gathering in record 14) and relay commands.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "sdk/resource_catalogue.h"
+#include "serial/environment_link.h"
+#include "serial/frame_codec.h"
+#include "serial/receive_buffers.h"
+#include "tests/common/test_sandbox.h"
+
+namespace fsu::serial {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+Bytes link(std::uint8_t command, const Bytes& data) {
+  Bytes out(data.size() + kLinkOverhead);
+  out.resize(build_link_frame(command, data.data(), data.size(), out.data(), out.size()));
+  return out;
+}
+
+TEST(AsciiFrame, EncodesTheBoardCommandsAndRefusesWhatItCannotHold) {
+  Bytes on(10, 0xFF), off(10, 0xFF);
+  on[1] = 0x01;
+  off[1] = 0x00;
+  const struct {
+    std::uint8_t ver, adr, cid1, cid2;
+    Bytes info;
+    const char* text;
+  } golden[] = {{0xFF, 0xFF, 0x03, 0x54, {}, "~FFFF03540000FD5C\r"},
+                {0x21, 0x01, 0xD0, 0x90, {}, "~2101D0900000FD9F\r"},
+                {0x10, 0x01, 0x2D, 0x92, {0xFF}, "~10012D92E002FFFCFA\r"},
+                {0xFF, 0xFF, 0x05, 0x55, on, "~FFFF0555B014FF01FFFFFFFFFFFFFFFFF7F5\r"},
+                {0xFF, 0xFF, 0x05, 0x55, off, "~FFFF0555B014FF00FFFFFFFFFFFFFFFFF7F6\r"}};
+  std::uint8_t out[1024];
+  for (const auto& g : golden) {
+    POWER_7E_CMD cmd{0, g.ver, g.adr, g.cid1, g.cid2, static_cast<std::uint32_t>(g.info.size()), {}};
+    std::copy(g.info.begin(), g.info.end(), cmd.INFO);
+    const int n = POWER_7E_CMDSend(cmd, out, std::strlen(g.text));  // exactly the room it needs
+    EXPECT_EQ(std::string(out, out + n), g.text);
+    EXPECT_EQ(POWER_7E_CMDSend(cmd, out, std::strlen(g.text) - 1), 0);
+  }
+  POWER_7E_CMD cmd{};
+  EXPECT_EQ(POWER_7E_CMDSend(cmd, nullptr, 100), 0);
+  cmd.LENGTH = 257;
+  EXPECT_EQ(POWER_7E_CMDSend(cmd, out, sizeof out), 0);
+}
+
+TEST(AsciiFrame, LengthWordChecksumAndHexText) {
+  EXPECT_EQ(EnCheckLTH(2047), 0x4FFE);  // 1 and 10 INFO bytes are in the golden frames
+  const std::uint8_t good[] = {0xE0, 0x02}, bad_sum[] = {0xF0, 0x02};
+  EXPECT_EQ(std::vector<int>({CheckLTH(good, 9), CheckLTH(bad_sum, 9), CheckLTH(good, 10)}), std::vector<int>({0, 1, 3}));
+  const auto check = [](const char* text) {
+    return CheckSum(reinterpret_cast<const std::uint8_t*>(text), static_cast<int>(std::strlen(text)));
+  };
+  EXPECT_EQ(check("FFFF03540000FD5C") + check("FFFF03540000fd5c"), 0);  // one letter case or the other
+  EXPECT_EQ(check("FFFF03540000Fd5C") + check("FD5"), 2);
+
+  std::uint8_t buf[4] = {0x7E, 0xA5};
+  EXPECT_EQ(Data_Open(buf, 2), 4);
+  EXPECT_EQ(Bytes(buf, buf + 4), (Bytes{0x7, 0xE, 0xA, 0x5}));
+  EXPECT_EQ(Data_Close(buf, 4), 2);
+  EXPECT_EQ(Bytes(buf, buf + 4), (Bytes{0x7E, 0xA5, 0, 0}));
+  EXPECT_EQ(AscToHex("7e") + AscToHex("G1"), 0x7F);  // a non-digit counts as 0
+  EXPECT_EQ(AscToUnShort("68c2"), 0x68C2);
+  std::uint8_t out[4] = {};
+  EXPECT_EQ(AsciiStringToHexString("7E31305", out, sizeof out), 3);
+  EXPECT_EQ(Bytes(out, out + 3), (Bytes{0x7E, 0x31, 0x30}));
+  EXPECT_EQ(AsciiStringToHexString("0102030405", out, 2) + AsciiStringToHexString(nullptr, out, 2), 2);
+}
+
+TEST(LinkFrame, BuildsTheBoardFrames) {
+  EXPECT_EQ(link(0x92, {}), (Bytes{0x7E, 0x00, 0x00, 0x92, 0x92, 0x0D}));
+  EXPECT_EQ(link(0x80, {0x41, 0x42}), (Bytes{0x7E, 0x00, 0x02, 0x80, 0x41, 0x42, 0x05, 0x0D}));
+  EXPECT_EQ(link(0xAA, {0x01}), (Bytes{0x7E, 0x00, 0x01, 0xAA, 0x01, 0xAC, 0x0D}));
+  const std::uint8_t two[2] = {1, 2};
+  std::uint8_t small[7];
+  EXPECT_EQ(build_link_frame(0x80, two, 2, small, sizeof small), 0u);
+}
+
+// A reader's buffer fed by hand; next() cuts the first complete frame.
+struct Cutter {
+  Bytes buf = Bytes(5120);
+  std::int32_t fill = 0;
+  Cutter& operator<<(const Bytes& b) {
+    std::copy(b.begin(), b.end(), buf.begin() + fill);
+    fill += static_cast<std::int32_t>(b.size());
+    return *this;
+  }
+  Bytes next(std::size_t out_size = 64) {
+    Bytes out(out_size);
+    out.resize(static_cast<std::size_t>(read_a_msg(buf.data(), out.data(), out.size(), fill, &fill)));
+    return out;
+  }
+};
+
+TEST(LinkFrameCutter, DropsStrayBytesAndWaitsForTheEndOfASplitFrame) {
+  const Bytes frame = link(0x51, {0x31, 0x32, 0x33});
+  Cutter c;
+  c << Bytes{0x00, 0x7E} << frame << Bytes(frame.begin(), frame.end() - 1);
+  EXPECT_EQ(c.next(), frame);
+  EXPECT_EQ(c.next(), Bytes{});
+  EXPECT_EQ(c.fill, static_cast<std::int32_t>(frame.size() - 1));  // the piece stays for the next read
+  c << Bytes{0x0D};
+  EXPECT_EQ(c.next(), frame);
+  EXPECT_EQ(c.fill, 0);
+}
+
+TEST(LinkFrameCutter, FalseStartAndOversizedFramesHideNothingBehindThem) {
+  const Bytes a = link(0x41, {}), b = link(0x54, {'~', '1'}), big = link(0x50, Bytes(100, 0x55));
+  Cutter c;
+  c << Bytes{0x7E, 0x13, 0x88, 0x50} << a << b << big << a;  // a start byte whose length runs far past the fill
+  EXPECT_EQ(c.next(), a);
+  EXPECT_EQ(c.next(), b);
+  EXPECT_EQ(c.next(), a);  // the frame too long for the caller is dropped
+  EXPECT_EQ(c.next(), Bytes{});
+  EXPECT_EQ(c.fill, 0);
+}
+
+// A 190-character answer: voltage and current words, then DI bytes 1 and 2, a spare byte,
+// the relay byte, the fifth status byte, 12 characters and the status byte.
+std::string answer(const std::uint16_t (&volts)[16], const std::uint16_t (&currents)[16], const std::string& tail) {
+  std::string t = "~21014100E0BE";
+  char word[9];
+  for (int c = 0; c < 16; ++c) {
+    std::snprintf(word, sizeof word, "%04X%04X", volts[c], currents[c]);
+    t += word;
+  }
+  t += tail;
+  return t + std::string(190 - t.size(), '0');
+}
+
+// A field as digits, "1000..." for {1, 0, 0, 0, ...}.
+template <std::size_t N>
+std::string digits(const std::atomic<std::uint8_t> (&field)[N]) {
+  std::string out;
+  for (auto& f : field) out += static_cast<char>('0' + f.load());
+  return out;
+}
+
+// Decodes into one record that the test's calls share.
+STR_BSP_ENV_INFO_T& decoded(const std::string& text, int cycle) {
+  static STR_BSP_ENV_INFO_T info;
+  EXPECT_TRUE(decode_env_answer(reinterpret_cast<const std::uint8_t*>(text.data()), text.size(), cycle, info));
+  return info;
+}
+
+TEST(EnvironmentAnswer, ConvertsWordsInputsRelaysAndStatus) {
+  const auto& info = decoded(answer({0x5000, 0xFFFE, 0xFFFF}, {0x3200, 0x31FF, 0xFA00, 0xFFFB},
+                                    "FE0f0005810000000000005A"),
+                             0);
+  EXPECT_NEAR(info.fAiVolt[0].load(), 1.6, 1e-6);
+  EXPECT_EQ(info.fAiVolt[1].load() + info.fAiVolt[2].load(), 0.0f);  // 0xFFFE and 0xFFFF: no reading
+  EXPECT_EQ(info.usAiVoltRaw[1].load(), 0xFFFE);
+  EXPECT_EQ(std::vector<float>({info.fAiCurr[0], info.fAiCurr[1], info.fAiCurr[2], info.fAiCurr[3]}),
+            std::vector<float>({4.0f, 0.0f, 20.0f, 0.0f}));  // 0x3200 to 0xFFFA only
+  EXPECT_EQ(digits(info.ucDi), "1000000000001111");  // FE: input 1 closed; 0f: 13 to 16 closed
+  EXPECT_EQ(digits(info.ucDoState), "10100000");
+  EXPECT_EQ(digits(info.ucStatusBits), "10000001");
+  EXPECT_EQ(info.ucStatusByte.load(), 0x5A);
+
+  STR_BSP_ENV_INFO_T untouched{};
+  EXPECT_FALSE(decode_env_answer(reinterpret_cast<const std::uint8_t*>("~2101"), 185, 0, untouched));
+  EXPECT_FALSE(decode_env_answer(nullptr, 200, 0, untouched));
+}
+
+TEST(EnvironmentAnswer, SnapsReadingsNearATenthOfAVoltWithAFewMicrovolts) {
+  const struct {
+    std::uint16_t raw;
+    double volts;
+    bool snapped;
+  } cases[] = {{0x6434, 2.0, true},      {0x68C2, 2.1, true},   {0x68AD, 2.1, true},
+               {0x6446, 2.00546875, false}, {0x6680, 2.05, false}, {0x0200, 0.04, false}};
+  for (const auto& k : cases) {
+    std::uint16_t volts[16];
+    std::fill(std::begin(volts), std::end(volts), k.raw);
+    double highest = 0;  // on every channel and cycle, so that the shift takes all its values
+    for (int cycle = 0; cycle <= 9; ++cycle) {
+      for (auto& v : decoded(answer(volts, {}, ""), cycle).fAiVolt) {
+        EXPECT_GE(v.load() - k.volts, -2.5e-7) << k.raw;
+        highest = std::max(highest, v.load() - k.volts);
+      }
+    }
+    EXPECT_NEAR(highest, k.snapped ? 9e-6 : 0, 5e-7) << k.raw;
+  }
+}
+
+TEST(EnvironmentGathering, WaitsUpTo17BytesDiscardsShortAnswersDecodesFrom186) {
+  test::TestSandbox box;  // the handler logs
+  const std::string text = answer({0x5000}, {}, "") + std::string(5000, '0');
+  const auto piece = [&](std::size_t from, std::size_t n) {
+    env_answer_handler(reinterpret_cast<const std::uint8_t*>(text.data()) + from, static_cast<std::int32_t>(n), 0);
+    return LIST_MCOM_RECV_INFO[kEnvAnswerRecord].nLen.load();
+  };
+  const auto decodes = [] { return sdk::BSP_BOARD_HARDWARE_RESOURCES[2] + sdk::BSP_BOARD_HARDWARE_RESOURCES[3]; };
+  EXPECT_EQ(piece(0, 20), 0);  // past 17 bytes at once: discarded, as is the rest
+  EXPECT_EQ(piece(20, 180), 0);
+  EXPECT_EQ(piece(0, 17), 17);  // waits
+  EXPECT_EQ(piece(17, 168), 0);  // 185 bytes: one short
+  EXPECT_EQ(decodes(), 0);
+  EXPECT_EQ(REAG_ENV_BOARD_RIGHT_FG(), 1);
+  EXPECT_EQ(REAG_ENV_BOARD_RIGHT_FG(), 0);
+  EXPECT_EQ(piece(0, 10), 10);
+  EXPECT_EQ(piece(10, 190), 0);
+  EXPECT_EQ(decodes(), 2);
+  EXPECT_NEAR(STR_BSP_ENV_INFO.fAiVolt[0].load(), 1.6, 1e-5);
+  EXPECT_GT(STR_BSP_ENV_INFO.nUpdateTime.load(), 0);
+  EXPECT_EQ(piece(0, text.size()), 0);  // never past the record's 4096 bytes
+  EXPECT_EQ(LIST_MCOM_RECV_INFO[kEnvAnswerRecord].aucData[0], 0);
+}
+
+TEST(RelayCommand, CarriesRequestsThenFollowsTheBoard) {
+  std::uint8_t frame[kEnvRelayFrame];
+  const auto request = [](int output, int value) {
+    STR_BSP_ENV_INFO.ucDoSetValue[output].store(value);
+    STR_BSP_ENV_INFO.ucDoSetFlag[output].store(1);
+  };
+  const auto mask = [&] {  // the relay byte of a freshly built command
+    SET_DO_CMD(frame, sizeof frame);
+    return AscToHex(reinterpret_cast<const char*>(frame) + 15);
+  };
+  EXPECT_EQ(DO_API_SET_CHECK(), -1);
+  request(0, 1);
+  EXPECT_EQ(SET_DO_CMD(nullptr, 64) + SET_DO_CMD(frame, sizeof frame - 1), 0);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(DO_API_SET_CHECK(), 1);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "ready set do 0");
+  ASSERT_EQ(SET_DO_CMD(frame, sizeof frame), 38);
+  EXPECT_EQ(std::string(frame, frame + 38), "~FFFF0555B014FF01FFFFFFFFFFFFFFFFF7F5\r");
+  EXPECT_EQ(DO_API_SET_CHECK(), -1);
+
+  request(1, 1);  // DO 2 on: DO 1 stays on
+  EXPECT_EQ(mask(), 0x03);
+  STR_BSP_ENV_INFO.ucDoState[0].store(1);  // DO 1 asked off while the board reports it on
+  request(0, 0);
+  EXPECT_EQ(mask(), 0x02);
+  EXPECT_EQ(mask(), 0x03);  // nothing pending: the reported state again
+}
+
+}  // namespace
+}  // namespace fsu::serial
