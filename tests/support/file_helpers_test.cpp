@@ -2,10 +2,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <regex>
 #include <string>
 
@@ -44,9 +44,8 @@ TEST(FileHelpersTest, WritesAppendOverwriteAndCreate) {
   EXPECT_EQ(WriteLOGDATA_To_File("/tmp/out", "678"), 1);
   EXPECT_EQ(Update_InfoToFile("/tmp/out", "AB"), 1);
   EXPECT_EQ(box.read("/tmp/out"), "AB345678");
-  struct stat st;
-  ASSERT_EQ(stat(box.path("/tmp/out").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0700u);
+  EXPECT_EQ(std::filesystem::status(box.path("/tmp/out")).permissions(),
+            std::filesystem::perms::owner_all);  // 0700
   EXPECT_EQ(WriteDATA_To_File("/tmp/no/dir", "x"), -1);
 
   char buf[64];
