@@ -167,8 +167,9 @@ TEST(EnvironmentAnswer, SnapsReadingsNearATenthOfAVoltWithAFewMicrovolts) {
     std::uint16_t raw;
     double volts;
     bool snapped;
-  } cases[] = {{0x6434, 2.0, true},      {0x68C2, 2.1, true},   {0x68AD, 2.1, true},
-               {0x6446, 2.00546875, false}, {0x6680, 2.05, false}, {0x0200, 0.04, false}};
+  } cases[] = {{0x6434, 2.0, true},          {0x6446, 2.00546875, false},  // 9 and 10 mV past 2 V, 5 mV added
+               {0x6893, 2.1, true},          {0x6886, 2.09046875, false},  // 91 and 90 mV past 2 V
+               {0x68C2, 2.1, true},          {0x6680, 2.05, false},        {0x0200, 0.04, false}};
   for (const auto& k : cases) {
     std::uint16_t volts[16];
     std::fill(std::begin(volts), std::end(volts), k.raw);
