@@ -49,12 +49,12 @@ std::vector<double> changes(const TestSandbox& box, int line, double seconds) {
   return at;
 }
 
-// An application on the board that reads points on request (tests/e2e/board_points.c).
+// An application on the board that reads points on request (examples/inputs_relays).
 class PointsApp {
  public:
   explicit PointsApp(const TestSandbox& box)
-      : app_({fsusim_path(), "run", "--root", box.root(), "--", FSU_TEST_BOARD_POINTS}, ConsoleDriver::Mode::kPipes) {
-    ready_ = app_.wait_for("board_points: ready\n", 60);
+      : app_({fsusim_path(), "run", "--root", box.root(), "--", FSU_TEST_INPUTS_RELAYS}, ConsoleDriver::Mode::kPipes) {
+    ready_ = app_.wait_for("inputs_relays: ready\n", 60);
   }
   bool ready() const { return ready_; }
   ConsoleDriver& console() { return app_; }
@@ -112,8 +112,8 @@ TEST(BoardsOnSimulator, RunLedBlinksUntilAnApplicationTakesTheLeds) {
   ASSERT_GE(blinks.size(), 3u);
   for (std::size_t i = 1; i < blinks.size(); ++i) EXPECT_NEAR(blinks[i] - blinks[i - 1], 1.0, 0.3) << i;
 
-  app.console().send("led\n");
-  ASSERT_TRUE(app.console().wait_for("led taken", 5));
+  app.console().send("led 2 1\n");
+  ASSERT_TRUE(app.console().wait_for("led 2 = 1", 5));
   EXPECT_LE(changes(box, 1, 3).size(), 1u);  // a pass already under way may still toggle it once
 }
 

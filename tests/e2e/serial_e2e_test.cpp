@@ -1,5 +1,4 @@
-// Applications on the simulated board's serial ports: a loopback plug on port 1, a person's
-// terminal on port 2.
+// An application on the simulated board's serial port 2, with a person's terminal at its far end.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -14,15 +13,6 @@
 
 namespace fsu::test {
 namespace {
-
-TEST(SerialOnSimulator, ExampleLineComesBackThroughTheLoopbackPlug) {
-  TestSandbox box;
-  ConsoleDriver app({fsusim_path(), "run", "--root", box.root(), "--", FSU_TEST_UART_ECHO}, ConsoleDriver::Mode::kPipes);
-  EXPECT_EQ(app.wait_exit(60), 0) << app.output();
-  EXPECT_NE(app.output().find("uart_echo: sent 25 bytes, received 25 bytes: hello from Local/Uart/1\r\n"),
-            std::string::npos)
-      << app.output();
-}
 
 TEST(SerialOnSimulator, APersonAtPortTwoSeesTheWritesAndAnswers) {
   TestSandbox box;
