@@ -103,5 +103,16 @@ TEST(BenchkitOnSimulator, WebModeOnlyForTheSingleArgumentWeb) {
   }
 }
 
+TEST(BenchkitOnSimulator, HelpAndVersionAnswerAndRunNothing) {
+  TestSandbox box;
+  for (const auto& [arg, said] : {std::pair{"--help", "usage:\n  benchkit "}, {"--version", "benchkit SE-1.0.9\n"}}) {
+    ConsoleDriver console(benchkit_on(box, {arg}), ConsoleDriver::Mode::kPipes);
+    EXPECT_EQ(console.wait_exit(10), 0);
+    EXPECT_EQ(console.output().rfind(said, 0), 0u) << console.output();
+  }
+  EXPECT_EQ(box.calls(), "");  // no resident application stopped
+  EXPECT_FALSE(box.exists("/tmp/sdklog.log"));
+}
+
 }  // namespace
 }  // namespace fsu::test

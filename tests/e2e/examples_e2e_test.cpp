@@ -19,12 +19,20 @@ TEST(Examples, UartEchoGetsItsLineBackThroughTheLoopbackPlug) {
       << app.output();
 }
 
-TEST(Examples, InputsRelaysSwitchesRelaysOfBothBoardsAndRefusesUnknownPoints) {
+TEST(Examples, InputsRelaysSwitchesRelaysOfBothBoardsAndASecondProcessIsToldThePortsAreTaken) {
   TestSandbox box;
   ConsoleDriver app({fsusim_path(), "run", "--root", box.root(), "--", FSU_TEST_INPUTS_RELAYS},
                     ConsoleDriver::Mode::kPipes);
   ASSERT_TRUE(app.wait_for("inputs_relays: ready\n", 60)) << app.output();
   EXPECT_NE(app.output().find("\"Local/Uart/12\",\"Local/AI/1\""), std::string::npos) << app.output();
+  {
+    ConsoleDriver second({FSU_TEST_INPUTS_RELAYS}, ConsoleDriver::Mode::kPipes,
+                         {"FSU_ROOT=" + box.root(), "PATH=" + box.root() + "/bin:/usr/bin:/bin"});
+    EXPECT_TRUE(second.wait_for("SDK: /dev/ttymxc1 is taken by another SDK process;", 30)) << second.output();
+    second.end_input();
+    EXPECT_EQ(second.wait_exit(30), 0);
+    EXPECT_EQ(second.output().find("is taken", second.output().find("is taken") + 1), std::string::npos);
+  }
   app.send("do 1 1\ndo 5 1\nai 17\ndo 9 1\n");
   for (const char* relay : {"relay 1 ", "relay 5 "}) {
     EXPECT_TRUE(sim::poll_until(5, [&] { return sim::state_line(box, relay).find("state=on") != std::string::npos; }))
