@@ -1,6 +1,6 @@
 // Applications and benchkit on the simulated board's extension and environment boards: inputs
-// set on the board reach the application, relays follow the console's items, the board LEDs
-// follow the links.
+// set on the board reach the application, relays follow the application and the console's
+// items, the board LEDs follow the links; and the watchdog example left unfed.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -104,6 +104,26 @@ TEST(BoardsOnSimulator, InputsSetOnTheBoardReachAnApplicationAndStayWhenBoardOne
   EXPECT_NEAR(app.ask_until("ai 3", 5, [](double volts) { return volts < 2; }), 1.0, 1e-5);
 }
 
+TEST(BoardsOnSimulator, RelaysOfBothBoardsFollowAnApplicationAndASecondOneFindsThePortsTaken) {
+  TestSandbox box;
+  PointsApp app(box);
+  ASSERT_TRUE(app.ready()) << app.console().output();
+  EXPECT_NE(app.console().output().find("\"Local/Uart/12\",\"Local/AI/1\""), std::string::npos);
+  app.console().send("do 1 1\ndo 5 1\nai 17\ndo 9 1\n");
+  for (const char* relay : {"relay 1 ", "relay 5 "}) {
+    EXPECT_TRUE(poll_until(5, [&] { return sim::state_line(box, relay).find("state=on") != std::string::npos; }))
+        << relay;
+  }
+  EXPECT_TRUE(app.console().wait_for("ai 17: no such input on this unit\ndo 9: no such output\n", 5));
+
+  ConsoleDriver second({FSU_TEST_INPUTS_RELAYS}, ConsoleDriver::Mode::kPipes,
+                       {"FSU_ROOT=" + box.root(), "PATH=" + box.root() + "/bin:/usr/bin:/bin"});
+  EXPECT_TRUE(second.wait_for("SDK: /dev/ttymxc1 is taken by another SDK process;", 30)) << second.output();
+  second.end_input();
+  EXPECT_EQ(second.wait_exit(30), 0);
+  EXPECT_EQ(second.output().find("is taken", second.output().find("is taken") + 1), std::string::npos);
+}
+
 TEST(BoardsOnSimulator, RunLedBlinksUntilAnApplicationTakesTheLeds) {
   TestSandbox box;
   PointsApp app(box);
@@ -126,6 +146,17 @@ TEST(BenchkitOnSimulator, HiddenItemsSwitchTheRelaysOfTheEnvironmentBoardAndBoar
     console.send(std::string(item) + "\n");
     EXPECT_TRUE(state_shows(box, relay, state)) << item;  // within 2 s
   }
+}
+
+TEST(Examples, WatchdogLeftUnfedRebootsTheUnit) {
+  TestSandbox box;
+  ConsoleDriver app({fsusim_path(), "run", "--root", box.root(), "--", FSU_TEST_WATCHDOG, "1000", "1"},
+                    ConsoleDriver::Mode::kPipes);
+  ASSERT_TRUE(app.wait_for("watchdog: no more feeding", 60)) << app.output();
+  EXPECT_EQ(box.calls().find("reboot"), std::string::npos);  // not before it is due
+  EXPECT_EQ(app.wait_exit(150), 0) << app.output();
+  EXPECT_NE(box.calls().find("\nreboot\n"), std::string::npos) << box.calls();
+  EXPECT_NE(box.read("/tmp/sdklog.log").find("soft dog start,ready reboot=1"), std::string::npos);
 }
 
 }  // namespace
