@@ -218,12 +218,12 @@ void Board::start_guard() {
   while (read(wait_fd, &byte, 1) != 0 && errno == EINTR) {
   }
   if (pid_in(pid_file) == board) {  // stop() removes the file before it lets the guard go
+    for (const std::string& link : links) unlink(link.c_str());
+    unlink(pid_file.c_str());
     const int fd = open(state_new.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0644);
     if (fd >= 0 && write(fd, kDown, sizeof kDown - 1) == sizeof kDown - 1 && close(fd) == 0) {
       rename(state_new.c_str(), state.c_str());
     }
-    for (const std::string& link : links) unlink(link.c_str());
-    unlink(pid_file.c_str());
   }
   _exit(0);
 }

@@ -102,8 +102,7 @@ TEST(FsusimUp, ABoardWhoseProcessIsKilledIsShownDown) {
   ASSERT_TRUE(up.wait_for("(CTRL+C stops the board)", 5)) << up.output();
   ASSERT_EQ(kill(std::stoi(box.read("/tmp/unit/sim/board.pid")), SIGKILL), 0);
   EXPECT_TRUE(poll_until(5, [&] { return box.read("/tmp/unit/sim/state") == "board down\n"; }));
-  EXPECT_FALSE(box.exists("/tmp/unit/sim/board.pid"));
-  EXPECT_FALSE(box.exists("/tmp/unit/dev/ttymxc1"));
+  EXPECT_FALSE(box.exists("/tmp/unit/sim/board.pid") || box.exists("/tmp/unit/dev/ttymxc1"));  // gone before
 }
 
 }  // namespace
