@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <mutex>
 #include <string>
 #include <termios.h>
 #include <unistd.h>
@@ -97,10 +96,7 @@ inline std::string terminal_of(const test::TestSandbox& box, const std::string& 
 
 struct RunningBoard {
   explicit RunningBoard(std::vector<std::string> commands = {})
-      : board(box.root(), {.commands = std::move(commands), .report = [this](const std::string& message) {
-                             const std::lock_guard lock(said_lock);
-                             said_text += message + "\n";
-                           }}) {
+      : board(box.root(), {.commands = std::move(commands), .report = [](const std::string&) {}}) {
     std::string error;
     started = board.start(&error);
     EXPECT_TRUE(started) << error;
@@ -110,14 +106,7 @@ struct RunningBoard {
     send_control(box.root(), lines, 5, &errors);
     return errors;
   }
-  std::string said() {
-    const std::lock_guard lock(said_lock);
-    return said_text;
-  }
-
   test::TestSandbox box;
-  std::mutex said_lock;
-  std::string said_text;  // what the board reported, from its own thread
   Board board;
   bool started = false;
 };
