@@ -1,9 +1,9 @@
 #include "serial/uart_driver.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <atomic>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
