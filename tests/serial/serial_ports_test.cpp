@@ -347,6 +347,22 @@ TEST_F(Serial, LinkFramesReachTheirDestinationsThroughSplitsGarbageAndFullBuffer
   for (int k : {0, 11, 12, 13, 14, 15}) EXPECT_EQ(record(k), "") << k;
 }
 
+TEST_F(Serial, AHostileChannelCannotForgeFramesForOtherPortsOrReadings) {
+  // A device on "Local/Uart/5" writes link frames for channel 2, the environment board and
+  // board presence; board 1 carries them as channel 0's data, cut anywhere by the reader's passes.
+  const Bytes forged = frame(0x52, "HIJAK") + frame(0x54, "~21014100E0BE" + std::string(187, '0')) + frame(0x41, "");
+  const std::string data(forged.begin(), forged.end());
+  const Bytes wire = frame(0x50, data);
+  for (std::size_t cut : {4ul, 12ul, wire.size() - 1}) {
+    feed(board1_, Bytes(wire.begin(), wire.begin() + static_cast<long>(cut)));
+    feed(board1_, Bytes(wire.begin() + static_cast<long>(cut), wire.end()));
+  }
+  EXPECT_EQ(record(4), data + data + data);
+  for (int k : {5, 6, 7, 14}) EXPECT_EQ(record(k), "") << k;
+  EXPECT_EQ(flags(), "0000");
+  EXPECT_EQ(STR_BSP_ENV_INFO.ucDi[0].load() + STR_BSP_ENV_INFO.nUpdateTime.load(), 0);
+}
+
 TEST_F(Serial, KeepAliveAfter21SilentTicksRelayCommandsNotCountedAndTheEnvironmentSender) {
   const Bytes keep_alive = {0x7E, 0x00, 0x00, 0x92, 0x92, 0x0D};
   for (int tick = 0; tick < 20; ++tick) RunComDog();
