@@ -50,6 +50,9 @@ std::uint32_t BSP_ComCreate(std::uint32_t slot);
 std::uint32_t BSP_ComDestroy(std::uint32_t slot);
 std::uint32_t BSP_ComGetCapbility(std::uint32_t slot, BSP_COM_CAPS* caps);
 std::uint32_t BSP_ComSetParams(std::uint32_t slot, const BSP_COM_PARAMS* params);
+// Writes all len bytes under the slot's write lock. A port that does not take them within the
+// time its line needs for them (and for a full transmit buffer ahead of them) plus a second
+// gives BSP_COM_ERR_IO: a far end that never reads cannot hold the lock for ever.
 std::uint32_t BSP_ComWrite(std::uint32_t slot, const void* buf, std::uint32_t len, std::uint32_t* written);
 std::uint32_t BSP_ComRead(std::uint32_t slot, void* buf, std::uint32_t len, std::uint32_t* nread);
 std::uint32_t BSP_ComFlush(std::uint32_t slot);

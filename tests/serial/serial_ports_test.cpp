@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -124,7 +127,7 @@ TEST_F(Serial, DriverAppliesTheLineSettingsAndMovesBytesWithoutWaiting) {
   for (const auto& s : settings) {
     termios built{};
     ASSERT_EQ(build_termios(s.p, &built), 0u);
-    EXPECT_EQ(built.c_cflag & (CSIZE | PARENB | PARODD | CSTOPB), s.cflag);
+    EXPECT_EQ(built.c_cflag & (CSIZE | PARENB | PARODD | CSTOPB | CLOCAL), s.cflag | CLOCAL);
     ASSERT_EQ(BSP_ComSetParams(0, &s.p), 0u);
     const termios t = uart(1).settings();
     EXPECT_EQ(cfgetospeed(&t), s.speed);
@@ -190,6 +193,31 @@ TEST(UartDriver, RefusesMissingSlotsAndDevicesAndReportsCapabilities) {
   EXPECT_EQ(std::pair(caps.nMinBaudrate, caps.nMaxBaudrate), std::pair(600u, 115200u));
   caps.nSize = 24;
   EXPECT_EQ(BSP_ComGetCapbility(5, &caps), BSP_COM_ERR_PARAM);
+}
+
+TEST(UartDriver, APortIsNeverTheControllingTerminalOfADaemon) {
+  test::TestSandbox box;
+  auto line = std::make_unique<test::PtyPair>(box.path("/dev/ttymxc1"));
+  int ready[2], go[2];
+  ASSERT_EQ(pipe(ready) + pipe(go), 0);
+  const pid_t daemon = fork();
+  if (daemon == 0) {  // a session of its own without a terminal, as services are started
+    for (int fd = 3; fd < 1024; ++fd) {
+      if (fd != ready[1] && fd != go[0]) close(fd);
+    }
+    setsid();
+    char c = BSP_ComCreate(0) == 0 ? 'y' : 'n';
+    if (write(ready[1], &c, 1) != 1 || read(go[0], &c, 1) != 1) _exit(2);
+    _exit(0);
+  }
+  char c = 0;
+  ASSERT_EQ(read(ready[0], &c, 1), 1);
+  EXPECT_EQ(c, 'y');
+  line.reset();  // the line hangs up
+  ASSERT_EQ(write(go[1], "g", 1), 1);
+  int status = 0;
+  ASSERT_EQ(waitpid(daemon, &status, 0), daemon);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 TEST_F(Serial, LineParametersAreSetAtStartUpStoredAndAppliedWhereTheyCan) {
