@@ -68,7 +68,9 @@ int format_log_header(char* buf, std::size_t size, int level, const std::tm& t, 
 
 // Appends `text` to the file at device path `path` in one write; 1, -1 (open), -2 (seek).
 int SDK_LOG_SAVE_FILE(const char* path, const char* text);
-// Rotates the log file when it is above kLogRotateSize.
+// Rotates the log file when it is above kLogRotateSize: moves it aside under the log's lock,
+// then packs it into kLogZip outside the lock. After a log that could not be moved, the next
+// try waits a minute.
 void LOG_FILE_CHECK();
 // Size of the file at device path `path`, or -1.
 int getfilesize(const char* path);

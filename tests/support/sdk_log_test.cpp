@@ -2,12 +2,20 @@
 
 #include <gtest/gtest.h>
 
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "platform/clock.h"
 #include "tests/common/test_sandbox.h"
 
 namespace fsu::support {
@@ -90,6 +98,65 @@ TEST_F(SdkLogTest, RotatesOnlyAboveTwoMebibytesAndCutsLongRecords) {
   EXPECT_EQ(getfilesize(kLogFile), 102398);
   std::filesystem::remove_all(sandbox_.path("/tmp"));  // an unwritable log still counts as output
   EXPECT_EQ(SDK_LOG_WRITE(SDK_LOG_SYS, "lost"), 1);
+}
+
+// In a child with a mount namespace of its own: the sandbox's /tmp becomes a read-only
+// file system holding a log above the rotation size. Returns the child's report, "" when the
+// namespace cannot be had.
+std::string on_read_only_tmp(const test::TestSandbox& box, void (*body)(int report)) {
+  int report[2];
+  if (pipe(report) != 0) return "";
+  const uid_t uid = getuid();
+  const gid_t gid = getgid();
+  const pid_t child = fork();
+  if (child == 0) {
+    const auto put = [](const char* file, const std::string& text) { std::ofstream(file) << text; };
+    const std::string tmp = box.path("/tmp");
+    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) _exit(0);
+    put("/proc/self/setgroups", "deny");
+    put("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
+    put("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("none", tmp.c_str(), "tmpfs", 0, "size=8m") != 0) {
+      _exit(0);
+    }
+    box.write(kLogFile, std::string(2200000, 'x'));
+    if (mount(nullptr, tmp.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) != 0) _exit(0);
+    freopen("/dev/null", "w", stderr);  // "open" for every record
+    body(report[1]);
+    _exit(0);
+  }
+  close(report[1]);
+  std::string out;
+  char buf[256];
+  for (ssize_t n; (n = read(report[0], buf, sizeof buf)) > 0;) out.append(buf, static_cast<std::size_t>(n));
+  close(report[0]);
+  waitpid(child, nullptr, 0);
+  return out;
+}
+
+TEST_F(SdkLogTest, ARotationThatFailsIsTriedOncePerPeriodNotForEveryRecord) {
+  // Every rotation command the log runs is counted.
+  for (const char* tool : {"/bin/rm", "/bin/zip"}) {
+    sandbox_.write(tool, "#!/bin/sh\necho \"$0 $*\" >>\"$FSU_ROOT/sim/rotations\"\nexit 1\n");
+    std::filesystem::permissions(sandbox_.path(tool), std::filesystem::perms::owner_all);
+  }
+  const std::string report = on_read_only_tmp(sandbox_, [](int out) {
+    SDK_LOG_PAR_INIT();
+    std::vector<double> took;
+    for (int i = 0; i < 200; ++i) {
+      const double start = platform::monotonic_seconds();
+      SDK_LOG_WRITE(SDK_LOG_SYS, "record %d", i);
+      took.push_back(platform::monotonic_seconds() - start);
+    }
+    std::sort(took.begin(), took.end());
+    const std::string median = std::to_string(took[took.size() / 2] * 1000);
+    if (write(out, median.data(), median.size()) < 0) _exit(1);
+  });
+  if (report.empty()) GTEST_SKIP() << "no mount namespace here";
+  EXPECT_LT(std::stod(report), 1.0) << "ms a record";
+  const std::string rotations = sandbox_.exists("/sim/rotations") ? sandbox_.read("/sim/rotations") : "";
+  EXPECT_LE(std::count(rotations.begin(), rotations.end(), '\n'), 3) << rotations;
 }
 
 TEST_F(SdkLogTest, ConcurrentRecordsAreWholeAndNumberedInFileOrder) {
