@@ -62,6 +62,7 @@ int HW_RTC_IS_Err() { return RTC_IS_Err.load(); }
 using namespace fsu::sdk;
 using fsu::platform::DevicePath;
 using fsu::support::SDK_LOG_SYS;
+using fsu::support::LogText;
 using fsu::support::SDK_LOG_WRITE;
 
 extern "C" int InitializeSDK(void) {
@@ -99,7 +100,7 @@ extern "C" int ReadSDKVersion(char* buf, int size) {
 }
 
 extern "C" int UpdateSDK(const char* path) {
-  SDK_LOG_WRITE(SDK_LOG_SYS, "UpdateSDK(%s)", path ? path : "(null)");
+  SDK_LOG_WRITE(SDK_LOG_SYS, "UpdateSDK(%s)", LogText(path).c_str());
   if (path == nullptr || std::strstr(path, ".gz") == nullptr) return -1;
   // Only one file under the root may be moved: no relative path, option, ".." step or glob.
   if (!fsu::platform::caller_path_is_safe(path)) {

@@ -143,13 +143,14 @@ void reset_uart_api_for_tests() {
 
 using namespace fsu::sdk;
 using fsu::support::SDK_LOG_SO;
+using fsu::support::LogText;
 using fsu::support::SDK_LOG_WRITE;
 
 extern "C" int SetUartParam(const char* name, int iBaudRate, int iDataSize, int iStopBit, int iParity) {
   const int result =
       fsu::serial::SetUartParam_FromResourceName(READ_resourceName(name), iBaudRate, iDataSize, iStopBit, iParity);
   SDK_LOG_WRITE(SDK_LOG_SO, "SetUartParam:%s iBaudRate:%d,iDataSize:%d,iStopBit:%d,iParity:%d,result:%d",
-                name ? name : "(null)", iBaudRate, iDataSize, iStopBit, iParity, result);
+                LogText(name).c_str(), iBaudRate, iDataSize, iStopBit, iParity, result);
   return result;
 }
 
@@ -157,7 +158,7 @@ extern "C" int GetUartParam(const char* name, int* iBaudRate, int* iDataSize, in
   const int result =
       fsu::serial::GetUartParam_FromResourceName(READ_resourceName(name), iBaudRate, iDataSize, iStopBit, iParity);
   SDK_LOG_WRITE(SDK_LOG_SO, "GetUartParam:%s iBaudRate:%d,iDataSize:%d,iStopBit:%d,iParity:%d,result:%d",
-                name ? name : "(null)", iBaudRate ? *iBaudRate : 0, iDataSize ? *iDataSize : 0,
+                LogText(name).c_str(), iBaudRate ? *iBaudRate : 0, iDataSize ? *iDataSize : 0,
                 iStopBit ? *iStopBit : 0, iParity ? *iParity : 0, result);
   return result;
 }
@@ -176,7 +177,7 @@ extern "C" int WriteUart(const char* name, const char* buf, int len) {
   // A link frame carries at most kMaxLinkData bytes to an extension channel.
   if (id >= 5 && id <= 12 && len > fsu::serial::kMaxLinkData) return -1;
   const int result = fsu::serial::WriteUart_FromResourceName(id, bytes, len);
-  SDK_LOG_WRITE(SDK_LOG_SO, "WriteUart resourceName:%s TXLENTH:%d,result=%d", name ? name : "(null)", len, result);
+  SDK_LOG_WRITE(SDK_LOG_SO, "WriteUart resourceName:%s TXLENTH:%d,result=%d", LogText(name).c_str(), len, result);
   if (logging(name)) {
     STR_UART_LOG_PAR.counter.fetch_add(1);
     log_traffic(name, bytes, len, 0, false);

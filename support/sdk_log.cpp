@@ -175,6 +175,28 @@ int SDK_LOG_WRITE(int level, const char* format, ...) {
   return output;
 }
 
+LogText::LogText(const char* text) {
+  BoundedText out(text_, sizeof text_);
+  if (text == nullptr) {
+    out.append("(null)");
+    return;
+  }
+  for (const unsigned char* p = reinterpret_cast<const unsigned char*>(text); *p != 0 && out.fits(); ++p) {
+    switch (*p) {
+      case '\r': out.append("\\r"); break;
+      case '\n': out.append("\\n"); break;
+      case '\t': out.append("\\t"); break;
+      case '\\': out.append("\\\\"); break;
+      default:
+        if (*p < 0x20 || *p == 0x7F) {
+          out.append("\\x%02X", *p);
+        } else {
+          out.append("%c", *p);
+        }
+    }
+  }
+}
+
 int SDK_LOG_SAVE_FILE(const char* path, const char* text) { return WriteDATA_To_File(path, text); }
 
 void LOG_FILE_CHECK() {

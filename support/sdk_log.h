@@ -75,6 +75,19 @@ void LOG_FILE_CHECK();
 // Size of the file at device path `path`, or -1.
 int getfilesize(const char* path);
 
+// Caller text (a resource name, a path) as it may stand inside a record: a line break in it
+// would start a forged record, so control characters are written as \r, \n, \t or \xHH and
+// a backslash as two; a null text reads "(null)". Cut to kLogTextSize - 1 characters.
+constexpr std::size_t kLogTextSize = 512;
+class LogText {
+ public:
+  explicit LogText(const char* text);
+  const char* c_str() const { return text_; }
+
+ private:
+  char text_[kLogTextSize];
+};
+
 // For tests: the record counter, and a way back to the state of a fresh process.
 std::int32_t log_record_count();
 void reset_log_for_tests();

@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "fsusdk.h"
 #include "platform/clock.h"
 #include "tests/common/test_sandbox.h"
 
@@ -98,6 +99,20 @@ TEST_F(SdkLogTest, RotatesOnlyAboveTwoMebibytesAndCutsLongRecords) {
   EXPECT_EQ(getfilesize(kLogFile), 102398);
   std::filesystem::remove_all(sandbox_.path("/tmp"));  // an unwritable log still counts as output
   EXPECT_EQ(SDK_LOG_WRITE(SDK_LOG_SYS, "lost"), 1);
+}
+
+TEST_F(SdkLogTest, CallerTextCannotStartARecord) {
+  EXPECT_STREQ(LogText("a\r\nb\\\x01\tc\x7f中").c_str(), "a\\r\\nb\\\\\\x01\\tc\\x7F中");
+  EXPECT_STREQ(LogText(nullptr).c_str(), "(null)");
+  EXPECT_EQ(std::string(LogText(std::string(1000, '\n').c_str()).c_str()).size(), kLogTextSize - 1);
+
+  SDK_LOG_PAR_INIT();
+  const char* forged = "/x.gz\r\n[2026-01-01 00:00:00.0 sdk_SYS   Line=0000000099]:forged";
+  char alias[256];
+  UpdateSDK(forged), SetDOValue(forged, 1), WriteUart(forged, "x", 1), ReadResourceAlias(forged, alias, sizeof alias);
+  const std::string log = sandbox_.read(kLogFile);
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), log_record_count()) << log;
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\r'), log_record_count());
 }
 
 // In a child with a mount namespace of its own: the sandbox's /tmp becomes a read-only
