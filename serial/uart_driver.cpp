@@ -14,15 +14,13 @@
 namespace fsu::serial {
 namespace {
 
-constexpr const char* kModule = "uart_driver.cpp";
-
 std::uint32_t fail(const char* function, int line, std::uint32_t code) {
-  std::printf("ERROR: FILE:%s, FUNCTION:%s, LINE:%d, ErrNo:0x%08x.\n", kModule, function, line, code);
+  print_error(function, line, code);
   return code;
 }
 
 void assert_null(const char* function, int line) {
-  std::printf("ASSERT: FILE: %s, FUNCTION:%s, LINE: %d, x=NULL!\n", kModule, function, line);
+  std::printf("ASSERT: FILE: %s, FUNCTION:%s, LINE: %d, x=NULL!\n", kDriverModule, function, line);
 }
 
 struct BaudRow {
@@ -86,6 +84,14 @@ bool write_all(int fd, const std::uint8_t* p, std::uint32_t len, std::uint32_t* 
 }
 
 }  // namespace
+
+void print_stump(int index, const char* function, int line) {
+  std::printf("STUMP[%03d]: FILE: %s, FUNCTION: %s, LINE: %d.\n", index, kThreadModule, function, line);
+}
+
+void print_error(const char* function, int line, std::uint32_t code) {
+  std::printf("ERROR: FILE:%s, FUNCTION:%s, LINE:%d, ErrNo:0x%08x.\n", kDriverModule, function, line, code);
+}
 
 const std::int32_t g_nComSlots = kComSlots;
 

@@ -59,6 +59,15 @@ std::uint32_t BSP_ComFlush(std::uint32_t slot);
 // Writes to the positioning receiver's slot 6 without the write lock, logging each write.
 std::uint32_t GPS_COM_WRITE(const void* buf, std::uint32_t len, std::uint32_t* written);
 
+// The driver's ERROR and ASSERT lines name its module, bsp_m_com; the serial threads' start
+// lines name theirs, com_process.
+constexpr const char* kDriverModule = "bsp_m_com";
+constexpr const char* kThreadModule = "com_process";
+// The line a serial thread prints when it starts: "STUMP[%03d]: FILE: %s, FUNCTION: %s, LINE: %d.".
+void print_stump(int index, const char* function, int line);
+// The driver's error line for `code`, as the failing function at `line` prints it.
+void print_error(const char* function, int line, std::uint32_t code);
+
 // The termios record for a set of line parameters, built on top of `t` (raw mode, speed,
 // parity, data bits, stop bits, VMIN = VTIME = 0). Prints the refusal message and returns
 // BSP_COM_ERR_PARAM for a parameter outside the tables, else 0.

@@ -164,7 +164,8 @@ TEST_F(Serial, DriverRefusesUnsupportedParametersAndKeepsTheSettings) {
     EXPECT_TRUE(out.starts_with(r.message) && (!*r.message || out.find("ErrNo:0x01020001.\n") != std::string::npos))
         << out;
   }
-  EXPECT_NE(printed_by([] { EXPECT_EQ(BSP_ComSetParams(0, nullptr), BSP_COM_ERR_PARAM); }).find("x=NULL!\n"),
+  EXPECT_NE(printed_by([] { EXPECT_EQ(BSP_ComSetParams(0, nullptr), BSP_COM_ERR_PARAM); })
+                .find("ASSERT: FILE: bsp_m_com, FUNCTION:BSP_ComSetParams, LINE: "),
             std::string::npos);
   EXPECT_EQ(speed(1), B19200);
 }
@@ -185,6 +186,7 @@ TEST(UartDriver, RefusesMissingSlotsAndDevicesAndReportsCapabilities) {
     EXPECT_EQ(BSP_ComFlush(7), BSP_COM_ERR_PARAM);
   });
   EXPECT_NE(printed.find("BSP_ComCreate(2, /dev/ttymxc3) Failed !\n"), std::string::npos) << printed;
+  EXPECT_NE(printed.find("ERROR: FILE:bsp_m_com, FUNCTION:BSP_ComCreate, LINE:"), std::string::npos);
   EXPECT_NE(printed.find("ErrNo:0x01020004.\n"), std::string::npos);
 
   BSP_COM_CAPS caps{};
@@ -435,7 +437,7 @@ TEST_F(Serial, LinkThreadsSetTheChannelUpThenPollEverySecondAndRead) {
   uart(6).send(frame(0x41, ""));
   EXPECT_TRUE(wait_for([] { return flags() == "0100"; }));
   const std::string out = testing::internal::GetCapturedStdout();
-  EXPECT_NE(out.find("STUMP[005]: FILE: extension_link.cpp, FUNCTION: EXT_COM_READ_THREAD"), std::string::npos);
+  EXPECT_NE(out.find("STUMP[005]: FILE: com_process, FUNCTION: EXT_COM_READ_THREAD"), std::string::npos);
   EXPECT_NE(out.find("fun-ENV_COM_SEND_THREAD=6\r\n"), std::string::npos);
 }
 
