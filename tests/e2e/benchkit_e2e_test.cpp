@@ -1,6 +1,10 @@
 // benchkit on the simulated board, driven like a person at the console.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include "tests/common/console_driver.h"
@@ -101,6 +105,40 @@ TEST(BenchkitOnSimulator, WebModeOnlyForTheSingleArgumentWeb) {
     ConsoleDriver menu(benchkit_on(box, args), ConsoleDriver::Mode::kPipes);
     EXPECT_TRUE(menu.wait_for("输入测试项: ", 30)) << menu.output();
   }
+}
+
+TEST(BenchkitOffTheBoard, RefusesWithOneLineAndTouchesNothing) {
+  TestSandbox box;  // a folder for the spies only: benchkit is not pointed at it
+  // Every tool benchkit could run stands first on the PATH and notes that it ran.
+  const std::string spies = box.path("/spies");
+  std::filesystem::create_directory(spies);
+  for (const char* tool : {"killall", "hwclock", "date", "reboot", "rm", "mv", "zip", "uci"}) {
+    box.write(std::string("/spies/") + tool, "#!/bin/sh\necho \"$0 $*\" >>" + spies + "/ran\n");
+    std::filesystem::permissions(spies + "/" + tool, std::filesystem::perms::owner_all);
+  }
+  const auto version_file = [] {
+    struct stat st {};
+    return stat("/tmp/sdkversion", &st) == 0 ? st.st_mtim.tv_sec * 1000000000L + st.st_mtim.tv_nsec : -1L;
+  };
+  const long version_before = version_file();
+  const std::string path = "PATH=" + spies + ":" + std::getenv("PATH");
+  const struct {
+    std::vector<std::string> env;
+    const char* says;
+  } cases[] = {{{"-u", "FSU_ROOT", path}, "fsu: no board here (/dev/ttymxc1 is missing) and FSU_ROOT is not set"},
+               {{"FSU_ROOT=" + box.root() + "/missing", path}, "fsu: FSU_ROOT names no folder"},
+               {{"FSU_ROOT=" + box.root() + "/a b", path}, "fsu: FSU_ROOT is unusable"}};
+  for (const auto& c : cases) {
+    std::vector<std::string> argv = {"env"};
+    argv.insert(argv.end(), c.env.begin(), c.env.end());
+    argv.push_back(benchkit_path());
+    ConsoleDriver console(argv, ConsoleDriver::Mode::kTerminal);  // standard error too
+    EXPECT_EQ(console.wait_exit(10), 1) << c.says;
+    const std::string& out = console.output();
+    EXPECT_TRUE(out.starts_with(c.says) && out.find('\n') == out.size() - 1) << out;
+  }
+  EXPECT_FALSE(box.exists("/spies/ran")) << box.read("/spies/ran");
+  EXPECT_EQ(version_file(), version_before);
 }
 
 }  // namespace
