@@ -1,8 +1,6 @@
 // benchkit on the simulated board, driven like a person at the console.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -117,25 +115,22 @@ TEST(BenchkitOffTheBoard, RefusesWithOneLineAndTouchesNothing) {
     std::filesystem::permissions(spies + "/" + tool, std::filesystem::perms::owner_all);
   }
   const auto version_file = [] {
-    struct stat st {};
-    return stat("/tmp/sdkversion", &st) == 0 ? st.st_mtim.tv_sec * 1000000000L + st.st_mtim.tv_nsec : -1L;
+    std::error_code missing;
+    return std::filesystem::last_write_time("/tmp/sdkversion", missing);
   };
-  const long version_before = version_file();
+  const auto version_before = version_file();
   const std::string path = "PATH=" + spies + ":" + std::getenv("PATH");
-  const struct {
-    std::vector<std::string> env;
-    const char* says;
-  } cases[] = {{{"-u", "FSU_ROOT", path}, "fsu: no board here (/dev/ttymxc1 is missing) and FSU_ROOT is not set"},
-               {{"FSU_ROOT=" + box.root() + "/missing", path}, "fsu: FSU_ROOT names no folder"},
-               {{"FSU_ROOT=" + box.root() + "/a b", path}, "fsu: FSU_ROOT is unusable"}};
-  for (const auto& c : cases) {
-    std::vector<std::string> argv = {"env"};
-    argv.insert(argv.end(), c.env.begin(), c.env.end());
-    argv.push_back(benchkit_path());
+  const std::pair<std::string, const char*> cases[] = {
+      {"-u FSU_ROOT", "fsu: no board here (/dev/ttymxc1 is missing) and FSU_ROOT is not set"},
+      {"FSU_ROOT=" + box.root() + "/missing", "fsu: FSU_ROOT names no folder"},
+      {"FSU_ROOT=" + box.root() + "/a b", "fsu: FSU_ROOT is unusable"}};
+  for (const auto& [setting, says] : cases) {
+    std::vector<std::string> argv = {"env", setting, path, benchkit_path()};
+    if (setting == "-u FSU_ROOT") argv = {"env", "-u", "FSU_ROOT", path, benchkit_path()};
     ConsoleDriver console(argv, ConsoleDriver::Mode::kTerminal);  // standard error too
-    EXPECT_EQ(console.wait_exit(10), 1) << c.says;
-    const std::string& out = console.output();
-    EXPECT_TRUE(out.starts_with(c.says) && out.find('\n') == out.size() - 1) << out;
+    EXPECT_EQ(console.wait_exit(10), 1) << says;
+    EXPECT_TRUE(console.output().starts_with(says) && console.output().find('\n') == console.output().size() - 1)
+        << console.output();
   }
   EXPECT_FALSE(box.exists("/spies/ran")) << box.read("/spies/ran");
   EXPECT_EQ(version_file(), version_before);
