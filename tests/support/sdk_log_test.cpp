@@ -122,10 +122,12 @@ TEST_F(SdkLogTest, OnAReadOnlyTmpAFailedRotationIsTriedOncePerPeriodNotAtEveryRe
   const pid_t child = fork();
   if (child == 0) {  // a mount namespace of its own, where the sandbox's /tmp is read-only
     const std::string tmp = sandbox_.path("/tmp");
-    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) _exit(77);
-    std::ofstream("/proc/self/setgroups") << "deny";
-    std::ofstream("/proc/self/uid_map") << uids;
-    std::ofstream("/proc/self/gid_map") << gids;
+    if (unshare(CLONE_NEWNS) != 0) {  // unprivileged: in a user namespace of its own too
+      if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) _exit(77);
+      std::ofstream("/proc/self/setgroups") << "deny";
+      std::ofstream("/proc/self/uid_map") << uids;
+      std::ofstream("/proc/self/gid_map") << gids;
+    }
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount("none", tmp.c_str(), "tmpfs", 0, nullptr) != 0) {
       _exit(77);
