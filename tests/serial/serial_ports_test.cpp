@@ -386,7 +386,7 @@ TEST_F(Serial, AHostileChannelCannotForgeFramesForOtherPortsOrReadings) {
   const Bytes forged = frame(0x52, "HIJAK") + frame(0x54, "~21014100E0BE" + std::string(187, '0')) + frame(0x41, "");
   const std::string data(forged.begin(), forged.end());
   const Bytes wire = frame(0x50, data);
-  for (std::size_t cut : {4ul, 12ul, wire.size() - 1}) {
+  for (const std::size_t cut : {std::size_t{4}, std::size_t{12}, wire.size() - 1}) {
     feed(board1_, Bytes(wire.begin(), wire.begin() + static_cast<long>(cut)));
     feed(board1_, Bytes(wire.begin() + static_cast<long>(cut), wire.end()));
   }
