@@ -93,6 +93,9 @@ TEST_F(SdkLogTest, RotatesOnlyAboveTwoMebibytesAndCutsLongRecords) {
   const std::string log = sandbox_.read(kLogFile);
   EXPECT_TRUE(log.size() < 100 && log.ends_with(" Line=0000000002]:fresh")) << log.size();
   EXPECT_EQ(sandbox_.read(kLogZip).substr(0, 2), "PK");
+  sandbox_.write(kLogFile, std::string(kLogRotateSize + 1, 'x'));
+  SDK_LOG_WRITE(SDK_LOG_SYS, "again");  // and the next time the log is too large
+  EXPECT_LT(getfilesize(kLogFile), 100);
 
   std::filesystem::remove(sandbox_.path(kLogFile));
   EXPECT_EQ(SDK_LOG_WRITE(SDK_LOG_SYS, "%s", std::string(200000, 'm').c_str()), 1);
