@@ -17,6 +17,7 @@
 #include "platform/command_runner.h"
 #include "sim/board.h"
 #include "sim/control_client.h"
+#include "sim/pty_pair.h"
 #include "tests/common/test_sandbox.h"
 
 namespace fsu::sim {
@@ -93,6 +94,27 @@ inline std::string terminal_of(const test::TestSandbox& box, const std::string& 
   const std::size_t at = line.find(" terminal=");
   return at == std::string::npos ? "" : line.substr(at + 10, line.find(' ', at + 10) - at - 10);
 }
+
+// A pseudo-terminal standing in for one UART: the SDK opens the slave through its device path
+// in the sandbox, the test plays the device on the master.
+struct FakeUart {
+  explicit FakeUart(std::string host_link) : link(std::move(host_link)) {
+    EXPECT_TRUE(pty.open(nullptr) && symlink(pty.slave_path().c_str(), link.c_str()) == 0) << link;
+  }
+  ~FakeUart() { unlink(link.c_str()); }
+  void send(const std::string& bytes) { put(pty.master(), bytes); }
+  // What the SDK sent, until `count` bytes came or `seconds` passed.
+  std::string receive(std::size_t count, double seconds = 2) { return take(pty.master(), count, seconds); }
+  std::string drain() { return take(pty.master(), SIZE_MAX, 0.05); }
+  // The line as the SDK set it (the master reads the slave's settings).
+  termios settings() const {
+    termios t{};
+    tcgetattr(pty.master(), &t);
+    return t;
+  }
+  PtyPair pty;
+  std::string link;
+};
 
 struct RunningBoard {
   explicit RunningBoard(std::vector<std::string> commands = {})
