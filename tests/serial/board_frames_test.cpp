@@ -70,10 +70,10 @@ TEST(AsciiFrame, LengthWordChecksumAndHexText) {
   EXPECT_EQ(Bytes(buf, buf + 4), (Bytes{0x7E, 0xA5, 0, 0}));
   EXPECT_EQ(AscToHex("7e") + AscToHex("G1"), 0x7F);  // a non-digit counts as 0
   EXPECT_EQ(AscToUnShort("68c2"), 0x68C2);
-  std::uint8_t out[4] = {};
+  std::uint8_t out[4] = {0, 0, 0, 0xEE};  // whole bytes only, never past the count
   EXPECT_EQ(AsciiStringToHexString("7E31305", out, sizeof out), 3);
-  EXPECT_EQ(Bytes(out, out + 3), (Bytes{0x7E, 0x31, 0x30}));
   EXPECT_EQ(AsciiStringToHexString("0102030405", out, 2) + AsciiStringToHexString(nullptr, out, 2), 2);
+  EXPECT_EQ(Bytes(out, out + 4), (Bytes{0x01, 0x02, 0x30, 0xEE}));
 }
 
 TEST(LinkFrame, BuildsTheBoardFrames) {
