@@ -85,8 +85,8 @@ TEST(Control, AppliesLinesInOrderAndReportsBadOnes) {
   EXPECT_EQ(unit.control({"uart 1\nsilent"}), std::vector<std::string>{"a control line holds a line break"});
 }
 
-TEST(State, ShowsTheGpioLines) {
-  RunningBoard unit;
+TEST(Board, ShowsTheGpioLinesGoesDownCleanlyRefusesABadStartAndComesUpAgain) {
+  RunningBoard unit({"uart 2 terminal"});
   ASSERT_TRUE(unit.started);
   EXPECT_EQ(state_line(unit.box, "12v 2 "), "12v 2 gpio=5 value=0 state=off");
   for (const auto& [gpio, prefix, shown] : {std::tuple{1, "led run ", "gpio=1 value=1 state=dark"},
@@ -95,23 +95,18 @@ TEST(State, ShowsTheGpioLines) {
     unit.box.write("/sys/class/gpio/gpio" + std::to_string(gpio) + "/value", "1\n");
     EXPECT_TRUE(state_shows(unit.box, prefix, shown)) << gpio;
   }
-}
-
-TEST(Board, GoesDownCleanlyRefusesABadStartAndComesUpAgain) {
-  RunningBoard unit({"uart 2 terminal"});
-  ASSERT_TRUE(unit.started);
   const int sdk = open_port(unit.box.path("/dev/ttymxc1"), B115200);
   put(sdk, std::string(3000, 'x'));  // still in flight when the board goes down
   unit.board.stop();
   close(sdk);
   for (int n = 1; n <= 7; ++n) EXPECT_FALSE(unit.box.exists("/dev/ttymxc" + std::to_string(n))) << n;
+  EXPECT_EQ(unit.box.read("/sim/state"), "board down\n");
 
   std::string error;
   Board bad(unit.box.root(), {.commands = {"uart 13 terminal"}, .report = {}});
   EXPECT_FALSE(bad.start(&error));
   EXPECT_NE(error.find("no port 13"), std::string::npos) << error;
-  EXPECT_FALSE(unit.box.exists("/dev/ttymxc1"));
-  EXPECT_FALSE(unit.box.exists("/sim/board.pid"));
+  EXPECT_FALSE(unit.box.exists("/dev/ttymxc1") || unit.box.exists("/sim/board.pid"));
 
   ASSERT_TRUE(unit.board.start(&error)) << error;
   const int again = open_port(unit.box.path("/dev/ttymxc1"), B115200);
@@ -128,29 +123,25 @@ struct Frame {
 
 bool presence(const std::vector<Frame>& frames) { return frames.size() == 1 && frames[0].command == 'A'; }
 
-// The SDK's end of one board link of a board that has just come up; the presence frame the
-// board sent at power-up is taken first.
+// The SDK's end of one board link of a board that has just come up (which announced itself
+// with a presence frame before anybody listened: `announced`).
 class Link {
  public:
-  Link(const test::TestSandbox& box, const char* device) : fd_(open_port(box.path(device), B115200, 0, false)) {
-    EXPECT_GE(fd_, 0) << device;
-    announced_ = presence(frames(1));
-  }
-  ~Link() { close(fd_); }
-  bool announced() const { return announced_; }
+  Link(const test::TestSandbox& box, const char* device)
+      : fd(open_port(box.path(device), B115200, 0, false)), announced(presence(frames(1))) {}
+  ~Link() { close(fd); }
 
   void send(std::uint8_t command, const std::string& data = "") {
     std::uint8_t frame[5120];
     const std::size_t n = serial::build_link_frame(command, reinterpret_cast<const std::uint8_t*>(data.data()),
                                                    data.size(), frame, sizeof frame);
-    put(fd_, std::string(reinterpret_cast<char*>(frame), n));
+    put(fd, std::string(reinterpret_cast<char*>(frame), n));
   }
-  void raw(const std::string& bytes) { put(fd_, bytes); }
   // The frames that come within `seconds`, until `enough` says so.
   std::vector<Frame> frames_until(double seconds, const auto& enough) {
     std::vector<Frame> got;
     poll_until(seconds, [&] {
-      const ssize_t n = read(fd_, buffer_ + fill_, sizeof buffer_ - fill_);
+      const ssize_t n = read(fd, buffer_ + fill_, sizeof buffer_ - fill_);
       if (n > 0) fill_ += static_cast<std::int32_t>(n);
       std::uint8_t frame[sizeof buffer_];
       std::int32_t length = 0;
@@ -176,11 +167,14 @@ class Link {
     return data;
   }
 
+  const int fd;
+
  private:
-  int fd_;
-  bool announced_ = false;
   std::uint8_t buffer_[8192] = {};
   std::int32_t fill_ = 0;
+
+ public:
+  const bool announced;
 };
 
 std::string line_params(unsigned baud, int data_bits, int stop_bits, int parity) {
@@ -194,8 +188,7 @@ TEST(ExtensionBoards, AnnounceThemselvesAnswerKeepAlivesAndLineParametersAndSwit
   ASSERT_TRUE(unit.started);
   Link board1(unit.box, "/dev/ttymxc5");
   Link board2(unit.box, "/dev/ttymxc6");
-  EXPECT_TRUE(board1.announced());  // at power-up, before anybody listened
-  EXPECT_TRUE(board2.announced());
+  EXPECT_TRUE(board1.announced && board2.announced);  // at power-up, before anybody listened
 
   board1.send(0x92);
   EXPECT_TRUE(presence(board1.frames(1)));
@@ -208,17 +201,17 @@ TEST(ExtensionBoards, AnnounceThemselvesAnswerKeepAlivesAndLineParametersAndSwit
   EXPECT_TRUE(state_shows(unit.box, "uart 12 ", "speed=4800 format=8O1"));
   EXPECT_TRUE(state_shows(unit.box, "uart 10 ", "channel=2 mode=loopback speed=9600 format=8N1"));
   board2.send(0x64, line_params(9600, 8, 1, 0));  // board 2 has no channel 4
-  board2.raw(std::string("\x7E\x00\x00\x92\x93\x0D", 6));  // a keep-alive with a wrong sum
+  put(board2.fd, std::string("\x7E\x00\x00\x92\x93\x0D", 6));  // a keep-alive with a wrong sum
 
-  // Board 2 switches its four relays and does not answer for them; board 1 has none.
+  // Board 2 switches its four relays and does not answer for them.
   board2.send(0xAA, "\x01");
   board2.send(0xAD, "\x01");
-  board1.send(0xAB, "\x01");
+  board1.send(0xAB, "\x01");  // board 1 has no relays
   EXPECT_TRUE(state_shows(unit.box, "relay 8 ", "on=board-2 output=4 state=on"));
   EXPECT_TRUE(state_shows(unit.box, "relay 5 ", "state=on"));
   board2.send(0xAA, std::string(1, '\0'));
   EXPECT_TRUE(state_shows(unit.box, "relay 5 ", "state=off"));
-  EXPECT_NE(state_line(unit.box, "relay 6 ").find("state=off"), std::string::npos);
+  EXPECT_NE(state_line(unit.box, "relay 6 ").find("state=off"), std::string::npos);  // not by board 1
   EXPECT_TRUE(board2.frames(1, 0.2).empty());
   EXPECT_TRUE(state_shows(unit.box, "board 2 ", "state=on frames_in=7 frames_out=3 bad_frames=1"));
 }
