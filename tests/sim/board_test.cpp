@@ -82,6 +82,7 @@ TEST(Control, AppliesLinesInOrderAndReportsBadOnes) {
   // Junk without line breaks is taken in bounded pieces and rejected.
   unit.box.write("/sim/control", std::string(10000, '\x01') + "\n");
   EXPECT_TRUE(state_shows(unit.box, "control ", "failed=15"));
+  EXPECT_NE(unit.box.read("/sim/state").find(" \"" + std::string(80, '?') + "...\": unknown command"), std::string::npos);
   EXPECT_EQ(unit.control({"uart 1\nsilent"}), std::vector<std::string>{"a control line holds a line break"});
 }
 

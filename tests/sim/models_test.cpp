@@ -1,5 +1,6 @@
-// Pure pieces of the simulator: the pace of a line, the bounded queue of a far end, the command
-// table, the uci file layout, and the environment board model read back with the SDK's decoder.
+// Pure pieces of the simulator: the pace of a line, the bounded queue of a far end, and the
+// environment board model read back with the SDK's decoder. (The command table and the uci file
+// are met through the control file and the uci stand-in.)
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -12,10 +13,8 @@
 #include "serial/environment_link.h"
 #include "serial/frame_codec.h"
 #include "sim/byte_queue.h"
-#include "sim/control.h"
 #include "sim/environment_board.h"
 #include "sim/line_settings.h"
-#include "sim/uci_file.h"
 
 namespace fsu::sim {
 namespace {
@@ -45,31 +44,6 @@ TEST(ByteQueue, KeepsOrderAcrossTheWrapAndDropsWhatDoesNotFit) {
     queue.pop(run.size());
   }
   EXPECT_EQ(out, (std::vector<std::uint8_t>{6, 7, 8, 9, 10, 11, 12, 13}));
-}
-
-TEST(CommandTable, PicksTheCommandByItsFirstWordAndQuotesBadLinesShort) {
-  CommandTable table;
-  std::vector<std::string> seen;
-  table.add("ai", "ai N VOLTS", [&](std::span<const std::string_view> args) {
-    seen.assign(args.begin(), args.end());
-    return std::string();
-  });
-  EXPECT_EQ(table.run("ai\t3   2.5"), "");
-  EXPECT_EQ(seen, (std::vector<std::string>{"3", "2.5"}));
-  EXPECT_EQ(table.run(std::string(100, 'z') + "\x1b"), "\"" + std::string(80, 'z') + "...\": unknown command (commands: ai)");
-}
-
-TEST(UciFile, SetsOptionsInsideTheirSectionAndRefusesWhatItCannotWrite) {
-  std::string text = "config a 'one'\n\toption x '1'\n\nconfig a 'two'\n\toption y '2'\n";
-  ASSERT_TRUE(uci_assign(&text, "one", "y", "new value"));
-  ASSERT_TRUE(uci_assign(&text, "two", "y", "/dev/ttyUSB3"));
-  EXPECT_EQ(text, "config a 'one'\n\toption x '1'\n\toption y 'new value'\n\nconfig a 'two'\n\toption y '/dev/ttyUSB3'\n");
-  EXPECT_EQ(uci_lookup(text, "two", "x"), std::nullopt);  // stands only in another section
-  EXPECT_FALSE(uci_assign(&text, "one", "x", "two\nlines"));
-
-  std::string unterminated = "config a 'one'\n\toption x '1'";
-  ASSERT_TRUE(uci_assign(&unterminated, "one", "z", "3"));
-  EXPECT_EQ(unterminated, "config a 'one'\n\toption x '1'\n\toption z '3'\n");
 }
 
 const std::string kPoll = serial::kEnvPoll;

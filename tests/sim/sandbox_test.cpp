@@ -67,9 +67,9 @@ TEST(UciStandIn, GetSetCommitAndRefusals) {
   EXPECT_EQ(capture("uci get dtm.sys.pcas"), "2\n");
   EXPECT_EQ(exit_code("uci set dtm.sys.pcas_sdk=99999;uci commit"), 0);
   EXPECT_EQ(exit_code("uci set dtm.sys.pcas=3 && uci commit dtm"), 0);
-  EXPECT_EQ(exit_code("uci set network.ppp0.device=/dev/ttyUSB3"), 0);
-  EXPECT_EQ(capture("uci get dtm.sys.pcas_sdk; uci get network.ppp0.device; uci get network.lan.proto"),
-            "99999\n/dev/ttyUSB3\nstatic\n");
+  EXPECT_EQ(exit_code("uci set network.ppp0.device=/dev/ttyUSB3; uci set network.lan.mtu=1400"), 0);
+  EXPECT_EQ(capture("uci get dtm.sys.pcas_sdk; uci get network.ppp0.device; uci get network.lan.mtu"),
+            "99999\n/dev/ttyUSB3\n1400\n");  // an option added inside the first of two sections
   EXPECT_EQ(box.read("/etc/config/dtm"), "config dtm 'sys'\n\toption pcas '3'\n\toption pcas_sdk '99999'\n");
   EXPECT_EQ(box.calls().rfind("uci get dtm.sys.pcas\nuci set dtm.sys.pcas_sdk=99999\nuci commit\nuci set dtm.sys.pcas=3\n", 0), 0u);
 
