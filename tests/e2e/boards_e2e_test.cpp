@@ -18,12 +18,10 @@ namespace {
 using sim::poll_until;
 using sim::state_shows;
 
-// Hands control lines to the board up in the sandbox with `fsusim ctl`.
-void control(const TestSandbox& box, std::vector<std::string> lines) {
-  std::vector<std::string> argv = {fsusim_path(), "ctl", "--root", box.root()};
-  argv.insert(argv.end(), lines.begin(), lines.end());
-  ConsoleDriver ctl(argv, ConsoleDriver::Mode::kPipes);
-  ASSERT_EQ(ctl.wait_exit(10), 0) << ctl.output();
+// Hands control lines to the board up in the sandbox, as `fsusim ctl` does.
+void control(const TestSandbox& box, const std::vector<std::string>& lines) {
+  std::vector<std::string> errors;
+  EXPECT_TRUE(sim::send_control(box.root(), lines, 10, &errors)) << errors.front();
 }
 
 // The level of a GPIO line, '0' or '1'; '?' while the value file is being rewritten.
