@@ -70,7 +70,8 @@ TEST(ResourceCatalogue, AliasIsTheNameAndStateIsZero) {
   EXPECT_EQ(ReadResourceAlias("Local/Led/extend1", alias, 5), -1);
   EXPECT_STREQ(alias, "Loca");
   int state = 7;
-  EXPECT_EQ(GetResourceState("anything", &state) + state, 0);
+  EXPECT_EQ(GetResourceState("anything", &state), 0);
+  EXPECT_EQ(state, 0);
   EXPECT_EQ(GetResourceState(nullptr, nullptr), -1);
 }
 

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <regex>
 #include <string>
+#include <tuple>
 
 #include "tests/common/test_sandbox.h"
 
@@ -21,13 +22,14 @@ TEST(FileHelpersTest, ReadParFindsValuesInTextBinaryAndLargeFiles) {
     const char* value = BSP_ReadPar("/tmp/req", key);
     return value != nullptr ? value : "(null)";
   };
-  EXPECT_EQ(par("set_com=3;set_value=1", "set_com"), "3");
-  EXPECT_EQ(par("com_num=2\r\ncom1_attr=9600", "com"), "num=2");  // plain substring match
-  EXPECT_EQ(par("a=1\ninfo=rest of file", "info"), "rest of file");
-  EXPECT_EQ(par("a=1\ninfo", "info"), "");  // key at the very end: nothing behind it
-  EXPECT_EQ(par("a=1", "info"), "(null)");
-  EXPECT_EQ(par("", "a"), "(null)");
-  EXPECT_EQ(par(std::string("\0\xff\r\n;=\x01", 7) + "LineMAX=12\n", "LineMAX"), "12");  // binary
+  for (const auto& [text, key, value] :
+       {std::tuple{std::string("set_com=3;set_value=1"), "set_com", "3"},
+        {"com_num=2\r\ncom1_attr=9600", "com", "num=2"},  // plain substring match
+        {"a=1\ninfo=rest of file", "info", "rest of file"}, {"a=1\ninfo", "info", ""},  // nothing behind the key
+        {"a=1", "info", "(null)"}, {"", "a", "(null)"},
+        {std::string("\0\xff\r\n;=\x01", 7) + "LineMAX=12\n", "LineMAX", "12"}}) {  // binary
+    EXPECT_EQ(par(text, key), value) << key;
+  }
   EXPECT_EQ(BSP_ReadPar("/tmp/missing", "a"), nullptr);
   EXPECT_EQ(par("info=" + std::string(20000, 'v'), "info").size(), 10000u);
   // 1 MiB files, with the key at and around the edge of the reader's 64 KiB window.
@@ -40,9 +42,9 @@ TEST(FileHelpersTest, ReadParFindsValuesInTextBinaryAndLargeFiles) {
 
 TEST(FileHelpersTest, WritesAppendOverwriteAndCreate) {
   test::TestSandbox box;
-  EXPECT_EQ(WriteDATA_To_File("/tmp/out", "12345"), 1);
-  EXPECT_EQ(WriteLOGDATA_To_File("/tmp/out", "678"), 1);
-  EXPECT_EQ(Update_InfoToFile("/tmp/out", "AB"), 1);
+  const int wrote[] = {WriteDATA_To_File("/tmp/out", "12345"), WriteLOGDATA_To_File("/tmp/out", "678"),
+                       Update_InfoToFile("/tmp/out", "AB")};  // in this order
+  EXPECT_EQ(wrote[0] + wrote[1] + wrote[2], 3);
   EXPECT_EQ(box.read("/tmp/out"), "AB345678");
   EXPECT_EQ(std::filesystem::status(box.path("/tmp/out")).permissions(),
             std::filesystem::perms::owner_all);  // 0700
