@@ -154,10 +154,11 @@ TEST(ModemRecovery, ADroppedLinkDarkensTheNetLedUntilADialBringsItBack) {
 }
 
 TEST(ModemRecovery, SoftRestartPowerCyclesRowElevenAndRestartsRowTenByCommand) {
-  for (const auto& [row, counter] : {std::pair{"11", "power_cycles"}, {"10", "restarts"}}) {
+  for (const auto& [row_text, counter_text] : {std::pair{"11", "power_cycles"}, {"10", "restarts"}}) {
+    const std::string row = row_text, counter = counter_text;
     TestSandbox box;
     std::vector<std::string> options = kQuickModem;
-    options.insert(options.end(), {"--ctl", std::string("modem row ") + row});
+    options.insert(options.end(), {"--ctl", "modem row " + row});
     DialApp app(box, options);
     ASSERT_TRUE(poll_until(20, [&] { return box.exists("/tmp/Globalp.ini") && !box.read("/tmp/Globalp.ini").empty(); }));
     ASSERT_TRUE(app.ask("soft", "soft 0", 1, 5));
@@ -165,9 +166,9 @@ TEST(ModemRecovery, SoftRestartPowerCyclesRowElevenAndRestartsRowTenByCommand) {
     const double restarted = platform::monotonic_seconds();
     const long heard = modem_count(box, "commands");
     ASSERT_TRUE(poll_until(30, [&] { return modem_count(box, "commands") > heard + 2; })) << row;
-    report(row == std::string("11") ? "soft restart of row 11 (power cycle)" : "soft restart of row 10 (AT+CFUN=1,1)",
+    report(row == "11" ? "soft restart of row 11 (power cycle)" : "soft restart of row 10 (AT+CFUN=1,1)",
            restarted);
-    EXPECT_EQ(modem_count(box, counter == std::string("restarts") ? "power_cycles" : "restarts"), 0) << row;
+    EXPECT_EQ(modem_count(box, counter == "restarts" ? "power_cycles" : "restarts"), 0) << row;
   }
 }
 
