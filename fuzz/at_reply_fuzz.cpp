@@ -16,16 +16,10 @@ namespace {
 
 using namespace fsu::lte;
 
-struct Reply {
-  std::unique_ptr<char[]> text;
-  Reply(const uint8_t* data, std::size_t size) : text(std::make_unique<char[]>(size + 1)) {
-    std::memcpy(text.get(), data, size);
-    text[size] = '\0';
-  }
-};
-
-void check_field(const char (&field)[kNtuTextSize]) {
-  if (strnlen(field, kNtuTextSize) >= kNtuTextSize) __builtin_trap();
+std::unique_ptr<char[]> copy(const uint8_t* data, std::size_t size) {
+  auto text = std::make_unique<char[]>(size + 1);
+  std::memcpy(text.get(), data, size);
+  return text;
 }
 
 // Unescaped quotes in a JSON text: exactly the ones of its keys and values.
@@ -46,25 +40,24 @@ int bare_quotes(const char* json) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   if (size >= kOutPutSize) return 0;
   ntu_clear();
-  readCSQState(Reply(data, size).text.get());
-  ParseRegistrationState_GT9615(Reply(data, size).text.get());
-  creg_status(Reply(data, size).text.get());
-  cops_act(Reply(data, size).text.get());
-  hex2dec(Reply(data, size).text.get());
+  readCSQState(copy(data, size).get());
+  ParseRegistrationState_GT9615(copy(data, size).get());
+  creg_status(copy(data, size).get());
+  cops_act(copy(data, size).get());
+  hex2dec(copy(data, size).get());
   char cimi[kNtuTextSize];
   char imei[kNtuTextSize] = {};
-  if (parse_cimi(Reply(data, size).text.get(), cimi) == 1) ntu_set_text(NtuText::cimi, cimi);
-  if (parse_imei(Reply(data, size).text.get(), imei) >= 0) ntu_set_text(NtuText::imei, imei);
-  check_field(cimi);
-  check_field(imei);
+  if (parse_cimi(copy(data, size).get(), cimi) == 1) ntu_set_text(NtuText::cimi, cimi);
+  if (parse_imei(copy(data, size).get(), imei) >= 0) ntu_set_text(NtuText::imei, imei);
+  if (strnlen(cimi, kNtuTextSize) == kNtuTextSize || strnlen(imei, kNtuTextSize) == kNtuTextSize) __builtin_trap();
 
-  Reply tokens(data, size);
-  char* cursor = tokens.text.get();
+  const auto tokens = copy(data, size);
+  char* cursor = tokens.get();
   int value = 0;
   at_tok_start(&cursor);
   for (int i = 0; i < 8 && cursor != nullptr; ++i) {
     if (at_tok_nexthexint(&cursor, &value) < 0 && cursor != nullptr) nextTok(&cursor);
-    if (cursor != nullptr && (cursor < tokens.text.get() || cursor > tokens.text.get() + size)) __builtin_trap();
+    if (cursor != nullptr && (cursor < tokens.get() || cursor > tokens.get() + size)) __builtin_trap();
   }
 
   NtuTexts texts = ntu_texts();

@@ -14,6 +14,7 @@
 namespace fsu::test {
 namespace {
 
+using sim::modem_count;
 using sim::poll_until;
 using sim::state_line;
 using sim::state_shows;
@@ -25,13 +26,6 @@ void control(const TestSandbox& box, const std::vector<std::string>& lines) {
   argv.insert(argv.end(), lines.begin(), lines.end());
   ConsoleDriver ctl(argv, ConsoleDriver::Mode::kPipes);
   ASSERT_EQ(ctl.wait_exit(10), 0) << ctl.output();
-}
-
-// A counter of the modem's state line ("commands", "restarts", "power_cycles").
-long modem_count(const TestSandbox& box, const std::string& key) {
-  const std::string line = state_line(box, "modem ");
-  const std::size_t at = line.find(" " + key + "=");
-  return at == std::string::npos ? -1 : std::stol(line.substr(at + key.size() + 2));
 }
 
 // An application that makes the dial calls on request (tests/e2e/dial_calls.c).
@@ -58,9 +52,7 @@ class DialApp {
 };
 
 void report(const char* fault, double since) {
-  const double seconds = platform::monotonic_seconds() - since;
-  std::printf("[ recovery ] %s: service back %.1f s after the fault ended\n", fault, seconds);
-  ::testing::Test::RecordProperty(fault, std::to_string(seconds));
+  std::printf("[ recovery ] %s: service back %.1f s after the fault ended\n", fault, platform::monotonic_seconds() - since);
 }
 
 TEST(ModemOnSimulator, BenchkitShowsTheSimThenTheLinkBothTextsAndTheNetLed) {
@@ -123,11 +115,9 @@ TEST(ModemRecovery, APortSilentForAMinuteLeavesNoThreadStuck) {
   ASSERT_TRUE(poll_until(20, [&] { return box.exists("/tmp/Globalp.ini") && !box.read("/tmp/Globalp.ini").empty(); }));
   control(box, {"modem silent on"});
   const long heard = modem_count(box, "commands");
-  const double start = platform::monotonic_seconds();
-  ASSERT_FALSE(poll_until(60, [&] { return false; }));
+  ASSERT_FALSE(poll_until(60, [&] { return false; }));  // a minute of silence
   EXPECT_EQ(modem_count(box, "commands"), heard) << "a silent modem answers nothing";
   EXPECT_NE(box.read("/tmp/sdklog.log").find("no data At time out"), std::string::npos);
-  EXPECT_GE(platform::monotonic_seconds() - start, 60);
   control(box, {"modem silent off"});
   const double back = platform::monotonic_seconds();
   // Queries resume, and a dial request is served.
