@@ -191,7 +191,7 @@ int parse_cimi(char* reply, char (&cimi)[kNtuTextSize]) {
   }
   cut_at(reply, "OK");
   if (std::strlen(reply) <= 10) return -1;
-  std::snprintf(cimi, sizeof cimi, "%s", reply);
+  std::strncpy(cimi, reply, sizeof cimi - 1);  // the field keeps 19 characters
   return 1;
 }
 
