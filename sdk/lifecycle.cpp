@@ -10,6 +10,7 @@
 #include "platform/command_runner.h"
 #include "platform/sandbox_root.h"
 #include "board/software_watchdog.h"
+#include "lte/lte_supervisor.h"
 #include "sdk/resource_catalogue.h"
 #include "sdk/sdk_leds.h"
 #include "serial/serial_ports.h"
@@ -75,6 +76,7 @@ extern "C" int InitializeSDK(void) {
   fsu::serial::M_COM_INIT();
   fsu::serial::BSP_BAU_INIT();
   fsu::serial::FSU_COM_READ_THREAD_START();
+  fsu::lte::FSU_Lte_THREAD_START();
   fsu::board::bsp_SoftDog_Init();
   // Give the board links time to answer before the counts are taken from their flags.
   fsu::platform::sleep_s(2);

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <string>
 #include <termios.h>
 #include <unistd.h>
@@ -84,6 +85,13 @@ inline std::string state_line(const test::TestSandbox& box, const std::string& p
   return state.substr(at + 1, state.find('\n', at + 1) - at - 1);
 }
 
+// A counter of the modem's state line ("commands", "restarts", "power_cycles"), or -1.
+inline long modem_count(const test::TestSandbox& box, const std::string& key) {
+  const std::string line = state_line(box, "modem ");
+  const std::size_t at = line.find(" " + key + "=");
+  return at == std::string::npos ? -1 : std::stol(line.substr(at + key.size() + 2));
+}
+
 inline bool state_shows(const test::TestSandbox& box, const std::string& prefix, const std::string& text) {
   return poll_until(2, [&] { return state_line(box, prefix).find(text) != std::string::npos; });
 }
@@ -95,6 +103,11 @@ inline std::string terminal_of(const test::TestSandbox& box, const std::string& 
   return at == std::string::npos ? "" : line.substr(at + 10, line.find(' ', at + 10) - at - 10);
 }
 
+inline bool pollfd_ready(int fd) {
+  pollfd p{fd, POLLOUT, 0};
+  return poll(&p, 1, 0) > 0;
+}
+
 // A pseudo-terminal standing in for one UART: the SDK opens the slave through its device path
 // in the sandbox, the test plays the device on the master.
 struct FakeUart {
@@ -102,7 +115,16 @@ struct FakeUart {
     EXPECT_TRUE(pty.open(nullptr) && symlink(pty.slave_path().c_str(), link.c_str()) == 0) << link;
   }
   ~FakeUart() { unlink(link.c_str()); }
-  void send(const std::string& bytes) { put(pty.master(), bytes); }
+  void send(const std::string& bytes) {  // the master does not block: wait for room
+    for (std::size_t done = 0; done < bytes.size();) {
+      const ssize_t n = write(pty.master(), bytes.data() + done, bytes.size() - done);
+      if (n > 0) {
+        done += static_cast<std::size_t>(n);
+      } else {
+        ASSERT_TRUE(poll_until(5, [&] { return pollfd_ready(pty.master()); })) << std::strerror(errno);
+      }
+    }
+  }
   // What the SDK sent, until `count` bytes came or `seconds` passed.
   std::string receive(std::size_t count, double seconds = 2) { return take(pty.master(), count, seconds); }
   std::string drain() { return take(pty.master(), SIZE_MAX, 0.05); }
