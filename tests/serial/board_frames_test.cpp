@@ -49,6 +49,8 @@ TEST(AsciiFrame, EncodesTheBoardCommandsAndRefusesWhatItCannotHold) {
   }
   POWER_7E_CMD cmd{};
   EXPECT_EQ(POWER_7E_CMDSend(cmd, nullptr, 100), 0);
+  cmd.LENGTH = 256;  // a full INFO fits, one byte more does not
+  EXPECT_EQ(POWER_7E_CMDSend(cmd, out, sizeof out), 530);
   cmd.LENGTH = 257;
   EXPECT_EQ(POWER_7E_CMDSend(cmd, out, sizeof out), 0);
 }
