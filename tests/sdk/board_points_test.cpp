@@ -25,6 +25,7 @@ TEST(PointApi, InputsReadTheirChannels) {
   STR_BSP_ENV_INFO.fAiCurr[2].store(12.0f);
   STR_BSP_ENV_INFO.fAiVolt[10].store(1.25f);
   STR_BSP_ENV_INFO.fAiCurr[15].store(4.5f);
+  STR_BSP_ENV_INFO.ucDi[0].store(1);
   STR_BSP_ENV_INFO.ucDi[15].store(1);
   const auto ai = [](const char* name, int type) {
     float v = -1;
@@ -42,10 +43,10 @@ TEST(PointApi, InputsReadTheirChannels) {
   EXPECT_EQ(v, 7);
   EXPECT_NE(box.read("/tmp/sdklog.log").find("]:Local/AI/ Resources error"), std::string::npos);
 
-  int di16 = -1, di24 = -1, di25 = 9;
-  EXPECT_EQ(GetDIValue("Local/DI/16", &di16) + GetDIValue("Local/DI/24", &di24), 0);
+  int di1 = -1, di16 = -1, di24 = -1, di25 = 9;
+  EXPECT_EQ(GetDIValue("Local/DI/1", &di1) + GetDIValue("Local/DI/16", &di16) + GetDIValue("Local/DI/24", &di24), 0);
   EXPECT_EQ(GetDIValue("Local/DI/25", &di25) + GetDIValue("Local/DI/1", nullptr), -2);
-  EXPECT_EQ(std::tuple(di16, di24, di25), std::tuple(1, 0, 9));
+  EXPECT_EQ(std::tuple(di1, di16, di24, di25), std::tuple(1, 1, 0, 9));
   float bat = 3.5f;
   EXPECT_EQ(GetBatValue("Local/Bat/1", &bat), -1);
   EXPECT_EQ(bat, 3.5f);

@@ -58,7 +58,9 @@ TEST(AsciiFrame, EncodesTheBoardCommandsAndRefusesWhatItCannotHold) {
 TEST(AsciiFrame, LengthWordChecksumAndHexText) {
   EXPECT_EQ(EnCheckLTH(2047), 0x4FFE);  // 1 and 10 INFO bytes are in the golden frames
   const std::uint8_t good[] = {0xE0, 0x02}, bad_sum[] = {0xF0, 0x02};
-  EXPECT_EQ(std::vector<int>({CheckLTH(good, 9), CheckLTH(bad_sum, 9), CheckLTH(good, 10)}), std::vector<int>({0, 1, 3}));
+  const std::uint8_t long_info[] = {static_cast<std::uint8_t>(EnCheckLTH(128) >> 8), static_cast<std::uint8_t>(EnCheckLTH(128))};
+  EXPECT_EQ(std::vector<int>({CheckLTH(good, 9), CheckLTH(bad_sum, 9), CheckLTH(good, 10), CheckLTH(long_info, 136)}),
+            std::vector<int>({0, 1, 3, 0}));  // the last: 128 INFO bytes, every digit of the length counts
   const auto check = [](const char* text) {
     return CheckSum(reinterpret_cast<const std::uint8_t*>(text), static_cast<int>(std::strlen(text)));
   };
