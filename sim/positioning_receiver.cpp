@@ -56,7 +56,10 @@ bool whole(std::string_view word, int lo, int hi, int* out) {
 
 std::string sky_text(const std::vector<PositioningReceiver::Satellite>& sky) {
   std::string out;
-  for (const auto& s : sky) out += (out.empty() ? "" : ",") + std::to_string(s.id) + ":" + std::to_string(s.cn0);
+  for (const auto& s : sky) {
+    if (!out.empty()) out += ',';
+    out += format("%d:%d", s.id, s.cn0);
+  }
   return out.empty() ? "none" : out;
 }
 
@@ -248,7 +251,10 @@ void PositioningReceiver::describe_state(std::string& out) const {
   static constexpr const char* kOutputs[] = {"fix", "nofix", "silent", "noise"};
   static constexpr const char* kSystems[] = {"none", "gps", "bd", "gps+bd"};
   std::string heard;
-  for (const std::string& h : heard_) heard += (heard.empty() ? "" : "|") + h;
+  for (const std::string& h : heard_) {
+    if (!heard.empty()) heard += '|';
+    heard += h;
+  }
   out += "receiver port=7 output=" + std::string(kOutputs[static_cast<int>(output_)]) +
          " constellations=" + kSystems[constellations_] + format(" latitude=%.6f longitude=%.6f altitude=%.1f", latitude_, longitude_, altitude_) +
          " time_offset=" + std::to_string(time_offset_) + " gps=" + sky_text(gps_sky_) + " bd=" + sky_text(bd_sky_) +
