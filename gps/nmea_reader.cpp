@@ -165,6 +165,7 @@ class Reader {
   void parse(const char* text, std::size_t count);
   void clear() {
     work_ = GpsInfo{};
+    complete_[0] = complete_[1] = Tables{};
     publish_gps_info(work_);
   }
   void forget_hour() { hour_ = Hour{}; }
@@ -179,7 +180,15 @@ class Reader {
   void gga(const Sentence& s);
   std::time_t hour_start(int year, int month, int day, int hour);
 
+  void publish();
+
   GpsInfo work_;
+  // The satellites of the last complete GSV group of GPS [0] and BeiDou [1]: what the record
+  // shows, so that no reader sees a group that a batch boundary cut in two.
+  struct Tables {
+    std::int32_t ids[kSatSlots] = {};
+    std::int32_t cn0[kSatSlots] = {};
+  } complete_[2];
   bool group_complete_ = false;
   // Epoch seconds of the last hour a ZDA fell in: one conversion of local time an hour.
   struct Hour {
@@ -223,8 +232,17 @@ void Reader::parse(const char* text, std::size_t count) {
     if (star - dollar > kMaxSpan) continue;
     take(dollar, cr, star, end);
   }
-  publish_gps_info(work_);
+  publish();
   if (group_complete_) signal_report_ready();
+}
+
+void Reader::publish() {
+  GpsInfo shown = work_;
+  std::copy_n(complete_[0].ids, kSatSlots, shown.gps_sat_id);
+  std::copy_n(complete_[0].cn0, kSatSlots, shown.gps_cn0);
+  std::copy_n(complete_[1].ids, kSatSlots, shown.bd_sat_id);
+  std::copy_n(complete_[1].cn0, kSatSlots, shown.bd_cn0);
+  publish_gps_info(shown);
 }
 
 void Reader::take(const char* dollar, const char* cr, const char* star, const char* end) {
@@ -299,7 +317,14 @@ void Reader::gsv(const Sentence& s, Talker talker) {
     if (level.empty()) level = s.to_star(f + 3);
     if (!level.empty()) levels[slot] = to_int(level);
   }
-  if (number == to_int(s.field(1))) group_complete_ = true;
+  if (number == to_int(s.field(1))) {
+    group_complete_ = true;
+    if (talker != Talker::kOther) {
+      Tables& shown = complete_[gps ? 0 : 1];
+      std::copy_n(ids, kSatSlots, shown.ids);
+      std::copy_n(levels, kSatSlots, shown.cn0);
+    }
+  }
   if (talker == Talker::kGps) work_.gps_in_view = static_cast<float>(to_decimal(s.field(3)));
   if (talker == Talker::kBeiDou) work_.bd_in_view = static_cast<float>(to_decimal(s.field(3)));
 }

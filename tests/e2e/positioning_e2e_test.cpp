@@ -5,7 +5,6 @@
 
 #include <ctime>
 #include <string>
-#include <vector>
 
 #include "tests/common/console_driver.h"
 #include "tests/common/test_sandbox.h"
@@ -15,15 +14,14 @@ namespace fsu::test {
 namespace {
 
 using sim::poll_until;
-using sim::state_shows;
 
 ConsoleDriver benchkit(const TestSandbox& box) {
   return ConsoleDriver({fsusim_path(), "run", "--root", box.root(), "--", benchkit_path()}, ConsoleDriver::Mode::kPipes);
 }
 
-void control(const TestSandbox& box, const std::vector<std::string>& lines) {
+bool control(const TestSandbox& box, const std::vector<std::string>& lines) {
   std::vector<std::string> errors;
-  EXPECT_TRUE(sim::send_control(box.root(), lines, 5, &errors)) << (errors.empty() ? "" : errors[0]);
+  return sim::send_control(box.root(), lines, 5, &errors);
 }
 
 int count(const std::string& text, const std::string& what) {
@@ -45,21 +43,37 @@ bool parsed(const TestSandbox& box, int passes) {
   return poll_until(20, [&] { return count(box.read("/tmp/sdklog.log"), "]:GPS:J:") >= before + passes; });
 }
 
-TEST(PositioningOnSimulator, ItemTwelveShowsTheReceiverAndModeItemsCommandIt) {
+TEST(PositioningOnSimulator, ClockRepairItemTwelveModeItemsAndAReceiverInTrouble) {
   TestSandbox box;
+  box.write("/sim/rtc_fault", "");
   ConsoleDriver console = benchkit(box);
   ASSERT_TRUE(console.wait_for("输入测试项: ", 60)) << console.output();
-  // Start-up brought the receiver to the factory default: both systems, saved.
+  // The receiver follows the PC's clock: the time set is its UTC and eight hours.
+  const std::string calls = box.calls();
+  const std::size_t at = calls.find("date -s ");
+  ASSERT_NE(at, std::string::npos) << calls;
+  std::tm set{};
+  ASSERT_NE(strptime(calls.c_str() + at + 8, "%Y-%m-%d %H:%M:%S", &set), nullptr);
+  EXPECT_NEAR(static_cast<double>(timegm(&set)), static_cast<double>(std::time(nullptr) + 28800), 60);
+  EXPECT_NE(box.read("/tmp/sdklog.log").find("]:gps set time=date -s '"), std::string::npos);
+  // Start-up then brought the receiver to the factory default: both systems, saved.
   EXPECT_TRUE(sim::state_line(box, "receiver ").ends_with(" heard=$PCAS04,3*1A|$PCAS00*01")) << box.read("/sim/state");
-  control(box, {"gps position 22.5 113.25 40 -3"});
-  ASSERT_TRUE(parsed(box, 2));
+
+  ASSERT_TRUE(control(box, {"gps position 22.5 113.25 40 -3"}) && parsed(box, 2));
   item(console, "12\n");
-  EXPECT_NE(console.output().find("\r\n\r\nGPSINFO:\r\n经度=113.25000000,纬度=22.50000000,高度=37.000000;GPS有效卫星数=9,"
-                                  "GPS可视卫星数=10;北斗有效卫星数=7,北斗可视卫星数=8\r\nGPS DB:\r\nGPS,卫星标识=1,2,12,14,15,17,"
-                                  "19,24,25,32,,CN0=46,41,39,45,38,25,30,42,33,0,\r\n;BD,卫星标识=6,9,11,14,21,23,30,34,,CN0=41,"
-                                  "38,35,44,40,0,37,36,\r\n\r\n"),
+  const std::string fix = "经度=113.25000000,纬度=22.50000000,高度=37.000000;";
+  EXPECT_NE(console.output().find("\r\n\r\nGPSINFO:\r\n" + fix + "GPS有效卫星数=9,GPS可视卫星数=10;北斗有效卫星数=7,北斗可视卫星数=8\r\nGPS DB:\r\nGPS,卫星标识=1,2,12,"
+                                        "14,15,17,19,24,25,32,,CN0=46,41,39,45,38,25,30,42,33,0,\r\n;BD,卫星标识=6,9,11,14,21,23,"
+                                        "30,34,,CN0=41,38,35,44,40,0,37,36,\r\n\r\n"),
             std::string::npos)
       << console.output();
+  // A receiver that loses its fix, babbles or falls silent leaves the last position.
+  for (const char* trouble : {"gps nofix", "gps noise", "gps silent"}) {
+    ASSERT_TRUE(control(box, {trouble}) && (std::string(trouble) == "gps silent" || parsed(box, 2))) << trouble;
+    const int shown = count(console.output(), fix);
+    item(console, "12\n");
+    EXPECT_EQ(count(console.output(), fix), shown + 1) << trouble;
+  }
 
   const struct {
     std::string lines, said, heard, systems, pcas;
@@ -78,41 +92,6 @@ TEST(PositioningOnSimulator, ItemTwelveShowsTheReceiverAndModeItemsCommandIt) {
   }
   // Positioning switched off sends nothing to the receiver.
   EXPECT_NE(sim::state_line(box, "receiver ").find(" pcas04=5 pcas00=5 "), std::string::npos);
-  console.end_input();
-  EXPECT_EQ(console.wait_exit(10), 0);
-}
-
-TEST(PositioningOnSimulator, StartUpRepairsAFaultyClockAndALostReceiverKeepsTheLastPosition) {
-  TestSandbox box;
-  box.write("/sim/rtc_fault", "");
-  ConsoleDriver console = benchkit(box);
-  ASSERT_TRUE(console.wait_for("输入测试项: ", 60)) << console.output();
-  // The receiver follows the PC's clock: the time set is its UTC and eight hours.
-  const std::string calls = box.calls();
-  const std::size_t at = calls.find("date -s ");
-  ASSERT_NE(at, std::string::npos) << calls;
-  std::tm set{};
-  ASSERT_NE(strptime(calls.c_str() + at + 8, "%Y-%m-%d %H:%M:%S", &set), nullptr);
-  EXPECT_NEAR(static_cast<double>(timegm(&set)), static_cast<double>(std::time(nullptr) + 28800), 60);
-  EXPECT_NE(box.read("/tmp/sdklog.log").find("]:gps set time=date -s '"), std::string::npos);
-
-  ASSERT_TRUE(parsed(box, 2));  // the first batch after the start-up's mode update is skipped
-  item(console, "12\n");
-  const std::string fix = "经度=121.4737";
-  ASSERT_NE(console.output().find(fix), std::string::npos) << console.output();
-  for (const char* trouble : {"gps nofix", "gps noise", "gps silent"}) {
-    control(box, {trouble});
-    if (std::string(trouble) != "gps silent") {
-      ASSERT_TRUE(parsed(box, 2)) << trouble;
-    }
-    const int shown = count(console.output(), fix);
-    item(console, "12\n");
-    EXPECT_EQ(count(console.output(), fix), shown + 1) << trouble;
-  }
-  control(box, {"gps fix", "gps position 10 20"});
-  ASSERT_TRUE(parsed(box, 2));
-  item(console, "12\n");
-  EXPECT_NE(console.output().find("经度=20.00000000,纬度=10.00000000"), std::string::npos);
   console.end_input();
   EXPECT_EQ(console.wait_exit(10), 0);
 }
