@@ -304,13 +304,15 @@ void Reader::gsv(const Sentence& s, Talker talker) {
     std::fill_n(levels, kSatSlots, 0);
   }
   if (number < 1 || number > 9) number = 0;
-  // Only a numbered message of GPS or BeiDou stores anything.
+  // Only a numbered message of GPS or BeiDou stores anything. A sentence of 199 characters has
+  // at most 48 blocks, so message 9 reaches no further than slot 79.
+  static_assert((9 - 1) * 4 + (kSentenceChars - 1 - 3) / 4 - 1 < kSatSlots);
   const int blocks = talker != Talker::kOther && number != 0 ? (s.commas() - 3) / 4 : 0;
   for (int i = 0; i < blocks; ++i) {
     const int f = 4 + 4 * i;
     const std::string_view id = s.field(f);
     const int slot = (number - 1) * 4 + i;
-    if (id.empty() || slot >= kSatSlots) continue;
+    if (id.empty()) continue;
     ids[slot] = to_int(id);
     if (s.field(f + 1).empty() || s.field(f + 2).empty()) continue;
     std::string_view level = s.field(f + 3);

@@ -28,13 +28,14 @@ int read_batch(std::string text) {
 
 std::string option(const char* name) { return support::sdkuci_get_flash((std::string("uci get dtm.sys.") + name).c_str()); }
 
-// A sandbox whose receiver UART is a pseudo-terminal, with the update's waits skipped.
+// A sandbox whose receiver UART is a pseudo-terminal, with the update's waits only counted.
+long waited = 0;
 struct Unit {
   explicit Unit(const std::string& dtm) {
     reset_gps_reader_for_tests();
     box.write("/etc/config/dtm", "config dtm 'sys'\n" + dtm);
     serial::BSP_ComCreate(6);
-    set_mode_update_wait([](long) {});
+    set_mode_update_wait([](long seconds) { waited += seconds; });
     support::SDK_LOG_PAR_INIT();
   }
   ~Unit() { serial::BSP_ComDestroy(6); }
@@ -57,6 +58,7 @@ TEST(PositionMode, FirstStartAppliesTheFactoryDefaultOnceAndCommandsBothSystems)
   read_batch(kGga);
   EXPECT_EQ(GPS_MODE_UPDATE(), 256);  // rm finds no /tmp/gps_* files
   EXPECT_EQ(text(unit.receiver.drain()), kBoth);
+  EXPECT_EQ(waited, 3);
   EXPECT_EQ(Read_PositionMode(), 2);
   EXPECT_NE(unit.box.read("/tmp/sdklog.log").find("gps_pcas=0,PositionMode=2"), std::string::npos);
   // The record is cleared and the next batch only clears it again; the one after is read.
@@ -80,13 +82,13 @@ TEST(PositionMode, SettersCompareWithThePcasOptionAndCommandByPcasSdk) {
       {GPS_SET_PCAS, 2, "\toption pcas '2'\n\toption pcas_sdk '1'\n", kGpsOnly, "2", "1", 1, 1},
       {BSP_SET_GPS_PCAS, 0, "\toption pcas '2'\n", kBoth, "0", "0", 0, 0},
       {SetPositionMode, 3, "\toption pcas '2'\n\toption pcas_sdk '1'\n", kBoth, "3", "3", 3, 3},
-      {SetPositionMode, 0, "\toption pcas '2'\n", "", "99999", "99999", 99999, 0},
       {SDK_GPS_SET_PCAS, 0, "\toption pcas '2'\n", "", "99999", "99999", 99999, 0},
+      {SetPositionMode, 0, "\toption pcas '2'\n", "", "99999", "99999", 99999, 0},
   };
   for (const auto& row : rows) {
     Unit unit(row.dtm);
     read_batch(kGga);
-    row.set(row.mode);
+    EXPECT_NE(row.set(row.mode), -1);
     const std::string where = std::string(row.dtm) + " mode " + std::to_string(row.mode);
     EXPECT_EQ(text(unit.receiver.drain()), row.wire) << where;
     EXPECT_EQ(option("pcas"), row.pcas) << where;
@@ -95,7 +97,7 @@ TEST(PositionMode, SettersCompareWithThePcasOptionAndCommandByPcasSdk) {
     EXPECT_EQ(Read_PositionMode(), row.read_mode) << where;
     EXPECT_EQ(gps_fix().latitude, 0) << where;
     // Nothing is written when the option already holds the mode.
-    EXPECT_EQ(unit.box.calls().find("uci set") == std::string::npos, row.mode == 2) << where;
+    EXPECT_EQ(unit.box.calls().find("uci commit") == std::string::npos, row.mode == 2) << where;
   }
 }
 
