@@ -94,6 +94,9 @@ void run_item(int item, std::FILE* in) {
     case 12:
       show_positioning();
       break;
+    case 16:
+      NET_MODE_INFO();
+      break;
     case 17:
       support::SDK_LOG_PAR_INIT();
       break;
@@ -112,6 +115,15 @@ void run_item(int item, std::FILE* in) {
       std::puts("设置为 北斗模式\r");
       BSP_SET_GPS_PCAS(2);
       break;
+    case 98: {
+      char text[1024] = {};
+      DialGetStaticInfo(text, 1023);
+      std::printf("模块静态信息:%s\r\n", text);
+      std::memset(text, 0, sizeof text);
+      DialGetDynamicInfo(text, 1023);
+      std::printf("模块动态信息:%s\r\n", text);
+      break;
+    }
     case 99:
       set_position_mode(in);
       break;
