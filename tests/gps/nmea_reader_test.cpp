@@ -72,9 +72,7 @@ TEST_F(NmeaReader, ParsesOnlyBatchesAboveTheThresholdAndReadsPositionInSinglePre
 }
 
 TEST_F(NmeaReader, ZdaGivesUtcPlusEightHoursCorrectedByItsZone) {
-  std::tm t{};
-  t.tm_year = 126, t.tm_mon = 10, t.tm_mday = 16, t.tm_hour = 8, t.tm_min = 27, t.tm_sec = 10;
-  const std::time_t utc = timegm(&t);
+  const std::time_t utc = 1794817630;  // 2026-11-16 08:27:10 UTC
   // Zone minutes that end at "*" read as 0.
   const std::pair<std::string, std::time_t> rows[] = {{"00,00", utc + 28800}, {"08,00", utc}, {"-05,30", utc + 46800},
                                                       {"-05,30,", utc + 48600}, {"23,00", utc - 54000}, {"01,00", utc + 25200}};
