@@ -16,7 +16,7 @@ namespace fsu::sim {
 namespace {
 
 TEST(SerialPorts, LoopbackPlugSendsEveryByteBackAtTheLineRateAndSilentPortsNothing) {
-  RunningBoard unit({"uart 3 silent"});
+  RunningBoard unit({"uart 3 silent", "port 7 silent"});
   ASSERT_TRUE(unit.started);
   for (const auto& [port, speed, stop, size, low, high, settings] :
        {std::tuple{"/dev/ttymxc1", B115200, tcflag_t{0}, 2300, 0.12, 1.0, "speed=115200 format=8N1 from_sdk=2300 to_sdk=2300 dropped=0"},
@@ -57,7 +57,7 @@ TEST(Control, AppliesLinesInOrderAndReportsBadOnes) {
   EXPECT_EQ(unit.box.read("/sim/control.done"), "6 " + std::to_string(unit.box.read("/sim/control").size()) + "\n");
 
   const std::vector<std::pair<std::string, std::string>> bad = {
-      {"frob 1", "\"frob 1\": unknown command (commands: uart, port, board, env, ai, di, modem)"},
+      {"frob 1", "\"frob 1\": unknown command (commands: uart, port, board, env, ai, di, modem, gps)"},
       {"uart 13 loopback", "no port 13 (ports are 1 to 12)"},
       {"uart 2 sideways", "no mode sideways; usage: uart N loopback|terminal|silent (N 1 to 12)"},
       {"uart 2", "\"uart 2\": needs a port and a mode"},

@@ -84,7 +84,7 @@ TEST(FsusimUp, HoldsTheBoardTakesControlLinesAndGoesDownOnSigterm) {
   EXPECT_NE(box.read("/tmp/unit/sim/state").find("terminal=" + terminal.substr(23, terminal.size() - 24) + " "), std::string::npos);
   EXPECT_TRUE(up.wait_for("fsusim: Local/Uart/3 terminal: /dev/pts/", 2)) << up.output();
   EXPECT_EQ(capture(kFsusim + " ctl --root " + unit + " 'uart 1 silent' frob 2>&1; echo $?"),
-            "fsusim: \"frob\": unknown command (commands: uart, port, board, env, ai, di, modem)\n1\n");
+            "fsusim: \"frob\": unknown command (commands: uart, port, board, env, ai, di, modem, gps)\n1\n");
   EXPECT_TRUE(up.wait_for("fsusim: control: \"frob\"", 2)) << up.output();
 
   const pid_t pid = std::stoi(box.read("/tmp/unit/sim/board.pid"));
