@@ -11,8 +11,7 @@
 #include "serial/uart_driver.h"
 #include "support/config_reader.h"
 #include "support/sdk_log.h"
-#include "tests/common/pty_pair.h"
-#include "tests/common/test_sandbox.h"
+#include "tests/sim/board_fixture.h"
 
 namespace fsu::gps {
 namespace {
@@ -40,10 +39,8 @@ struct Unit {
   }
   ~Unit() { serial::BSP_ComDestroy(6); }
   test::TestSandbox box;
-  test::PtyPair receiver{box.path("/dev/ttymxc7")};
+  sim::FakeUart receiver{box.path("/dev/ttymxc7")};
 };
-
-std::string text(const std::vector<std::uint8_t>& bytes) { return std::string(bytes.begin(), bytes.end()); }
 
 TEST(PositionMode, FirstStartAppliesTheFactoryDefaultOnceAndCommandsBothSystems) {
   Unit unit("\toption pcas '0'\n");
@@ -57,7 +54,7 @@ TEST(PositionMode, FirstStartAppliesTheFactoryDefaultOnceAndCommandsBothSystems)
   EXPECT_EQ(BSP_GET_GPS_dB_INFO(report), -1);  // no GSV group has come yet
   read_batch(kGga);
   EXPECT_EQ(GPS_MODE_UPDATE(), 256);  // rm finds no /tmp/gps_* files
-  EXPECT_EQ(text(unit.receiver.drain()), kBoth);
+  EXPECT_EQ(unit.receiver.drain(), kBoth);
   EXPECT_EQ(waited, 3);
   EXPECT_EQ(Read_PositionMode(), 2);
   EXPECT_NE(unit.box.read("/tmp/sdklog.log").find("gps_pcas=0,PositionMode=2"), std::string::npos);
@@ -90,7 +87,7 @@ TEST(PositionMode, SettersCompareWithThePcasOptionAndCommandByPcasSdk) {
     read_batch(kGga);
     EXPECT_NE(row.set(row.mode), -1);
     const std::string where = std::string(row.dtm) + " mode " + std::to_string(row.mode);
-    EXPECT_EQ(text(unit.receiver.drain()), row.wire) << where;
+    EXPECT_EQ(unit.receiver.drain(), row.wire) << where;
     EXPECT_EQ(option("pcas"), row.pcas) << where;
     EXPECT_EQ(option("pcas_sdk"), row.pcas_sdk) << where;
     EXPECT_EQ(PositionMode.load(), row.position_mode) << where;
