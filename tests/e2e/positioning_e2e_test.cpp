@@ -96,5 +96,16 @@ TEST(PositioningOnSimulator, ClockRepairItemTwelveModeItemsAndAReceiverInTrouble
   EXPECT_EQ(console.wait_exit(10), 0);
 }
 
+TEST(PositioningOnSimulator, ThePositionExampleSetsTheModeAndReadsTheFixAndTheSky) {
+  TestSandbox box;
+  ConsoleDriver app({fsusim_path(), "run", "--root", box.root(), "--", FSU_TEST_POSITION, "1", "30"},
+                    ConsoleDriver::Mode::kPipes);
+  EXPECT_EQ(app.wait_exit(60), 0);  // a fix came
+  EXPECT_NE(app.output().find(",纬度=31.2304000"), std::string::npos) << app.output();
+  EXPECT_NE(app.output().find("GPS有效卫星数=9,GPS可视卫星数=10;北斗有效卫星数=0,北斗可视卫星数=0"),  // GPS only
+            std::string::npos);
+  EXPECT_NE(app.output().find("signal: GPS,卫星标识=1,2,12,"), std::string::npos) << app.output();
+}
+
 }  // namespace
 }  // namespace fsu::test
