@@ -103,7 +103,7 @@ TEST_F(Serial, DriverAppliesTheLineSettingsOrRefusesThemAndMovesBytesWithoutWait
     EXPECT_EQ(std::tuple(cfgetospeed(&t), cfgetispeed(&t), t.c_cflag & (CSTOPB | PARODD), bool(t.c_iflag & INPCK)),
               std::tuple(speed_set, speed_set, cflag & (CSTOPB | PARODD), bool(cflag & PARENB)));
   }
-  for (const auto& [p, message] :  // refused, and the port keeps 19200
+  for (const auto& [refused, message] :  // refused, and the port keeps 19200
        {std::pair{BSP_COM_PARAMS{24, 0, 14400, 8, 1, 0}, "Unsupported nBaudrate 14400\n"},
         {BSP_COM_PARAMS{24, 0, 0, 8, 1, 0}, "Unsupported nBaudrate 0\n"},
         {BSP_COM_PARAMS{24, 0, 9600, 8, 1, 3}, "Unsupported parity 3\n"},
@@ -111,7 +111,8 @@ TEST_F(Serial, DriverAppliesTheLineSettingsOrRefusesThemAndMovesBytesWithoutWait
         {BSP_COM_PARAMS{24, 0, 9600, 8, 3, 0}, "Unsupported stop bits 3\n"},
         {BSP_COM_PARAMS{20, 0, 9600, 8, 1, 0}, "ERROR: FILE:bsp_m_com, FUNCTION:BSP_ComSetParams, LINE:"},
         {BSP_COM_PARAMS{28, 0, 9600, 8, 1, 0}, ""}}) {
-    const std::string out = printed_by([&] { EXPECT_EQ(BSP_ComSetParams(0, &p), BSP_COM_ERR_PARAM); });
+    const BSP_COM_PARAMS* p = &refused;
+    const std::string out = printed_by([p] { EXPECT_EQ(BSP_ComSetParams(0, p), BSP_COM_ERR_PARAM); });
     EXPECT_TRUE(out.starts_with(message) && out.find("ErrNo:0x01020001.\n") != std::string::npos) << out;
   }
   EXPECT_NE(printed_by([] { EXPECT_EQ(BSP_ComSetParams(0, nullptr), BSP_COM_ERR_PARAM); })
