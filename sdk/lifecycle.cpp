@@ -12,6 +12,7 @@
 #include "board/software_watchdog.h"
 #include "sdk/resource_catalogue.h"
 #include "sdk/sdk_leds.h"
+#include "sdk/web_requests.h"
 #include "serial/serial_ports.h"
 #include "support/bounded_text.h"
 #include "support/file_helpers.h"
@@ -78,6 +79,7 @@ extern "C" int InitializeSDK(void) {
   // Give the board links time to answer before the counts are taken from their flags.
   fsu::platform::sleep_s(2);
   BSP_Resource_CHECK();
+  API_WEB_TEST_FUN();
   fsu::board::soft_dog_run(0);
   HW_RESOURCES_CHECK();
   SDK_LED_HANDLE();
