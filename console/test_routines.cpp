@@ -32,6 +32,27 @@ void loopback_report(const char* format) {
   for (int n = 1; n <= sdk::sdk_read_com_num(); ++n) std::printf(format, n, dtu_sent(n), dtu_received(n));
 }
 
+// The test text out of every second port from `first` on.
+void loopback_send(int first) {
+  for (int n = first; n <= sdk::sdk_read_com_num(); n += 2) {
+    WriteUart(PointName("Uart", n).text, LoopText(n).text, kLoopTextLength);
+    dtu_add(n, kLoopTextLength, 0);
+  }
+}
+
+// Every port read: a port passes with exactly its own text; anything else prints `failure`.
+void loopback_read(const char* failure) {
+  for (int n = 1; n <= sdk::sdk_read_com_num(); ++n) {
+    const PointName name("Uart", n);
+    char buf[kReadSize + 1] = {};
+    const int got = ReadUart(name.text, buf, kReadSize, 0);
+    if (got <= 0) continue;
+    dtu_add(n, 0, got);
+    if (got == kLoopTextLength && std::memcmp(buf, LoopText(n).text, kLoopTextLength) == 0) continue;
+    std::printf(failure, name.text, got, buf);
+  }
+}
+
 }  // namespace
 
 void system_cmd(const char* command) {
@@ -154,25 +175,6 @@ void AIDI_READ() {
   for (int pass = 0; pass < 3000; ++pass) {
     platform::sleep_s(1);
     aidi_read_pass();
-  }
-}
-
-void loopback_send(int first) {
-  for (int n = first; n <= sdk::sdk_read_com_num(); n += 2) {
-    WriteUart(PointName("Uart", n).text, LoopText(n).text, kLoopTextLength);
-    dtu_add(n, kLoopTextLength, 0);
-  }
-}
-
-void loopback_read(const char* failure) {
-  for (int n = 1; n <= sdk::sdk_read_com_num(); ++n) {
-    const PointName name("Uart", n);
-    char buf[kReadSize + 1] = {};
-    const int got = ReadUart(name.text, buf, kReadSize, 0);
-    if (got <= 0) continue;
-    dtu_add(n, 0, got);
-    if (got == kLoopTextLength && std::memcmp(buf, LoopText(n).text, kLoopTextLength) == 0) continue;
-    std::printf(failure, name.text, got, buf);
   }
 }
 

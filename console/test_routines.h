@@ -21,11 +21,8 @@ void DO_CONTROL();
 void AIDI_READ();
 void aidi_read_pass();
 // Item 15 and web mode: the factory loopback test of every serial port with byte counters in
-// the shared segment, for ever (a thread body: the argument is not used).
+// the shared segment, for ever (a thread body: the argument is not used). A port passes when
+// it receives exactly its own test text, as through a loopback plug.
 [[noreturn]] void* COM_TEST_FUN(void* arg);
-// Its phases: the test text out of every second port from `first` on, and every port read
-// (a port passes with exactly its own text; anything else prints `failure`).
-void loopback_send(int first);
-void loopback_read(const char* failure);
 
 }  // namespace fsu::console
