@@ -95,9 +95,9 @@ void DTUSHARE_init() {
   pthread_mutexattr_t shared;
   pthread_mutexattr_init(&shared);
   pthread_mutexattr_setpshared(&shared, PTHREAD_PROCESS_SHARED);
-  for (int i = 0; i < 2; ++i) {
-    pthread_mutex_init(reinterpret_cast<pthread_mutex_t*>(base + kFirstMutexOffset) + i, &shared);
-  }
+  auto* mutexes = reinterpret_cast<pthread_mutex_t*>(base + kFirstMutexOffset);
+  pthread_mutex_init(&mutexes[0], &shared);
+  pthread_mutex_init(&mutexes[1], &shared);
   pthread_mutexattr_destroy(&shared);
   CPLD_DTU.store(base, std::memory_order_release);
 }
