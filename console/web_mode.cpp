@@ -15,7 +15,6 @@
 #include "platform/command_runner.h"
 #include "platform/sandbox_root.h"
 #include "platform/shared_memory.h"
-#include "sdk/pending_calls.h"
 #include "sdk/resource_catalogue.h"
 #include "support/bounded_text.h"
 #include "support/file_helpers.h"

@@ -116,8 +116,10 @@ void handle_port_command(WebRequestState& s) {
     const int count = serial::AsciiStringToHexString(info, command, kPortCommandSize);
     const int n = uart_send_cmd(s.com, s.wait_sec, s.baud, s.data_bits, s.stop_bits, s.parity,
                                 reinterpret_cast<const char*>(command), count, reply, kPortCommandSize, s.sleep);
+    // Both texts come from outside (a page, a device): escaped, so they cannot forge log records.
     SDK_LOG_WRITE(SDK_LOG_SYS, "串口%d测试%d,(%d,%d,%d,%d,%d,%s,%d,%s)", s.com, n, s.wait_sec, s.baud, s.data_bits,
-                  s.stop_bits, s.parity, reinterpret_cast<const char*>(command), count, reply);
+                  s.stop_bits, s.parity, support::LogText(reinterpret_cast<const char*>(command)).c_str(), count,
+                  support::LogText(reply).c_str());
     if (n > 0) support::BSP_SAVE_DTU_HEX_LOG(reinterpret_cast<const unsigned char*>(reply), n);
   }
   remove_file(kDtuComRequest);

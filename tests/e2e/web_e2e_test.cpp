@@ -41,7 +41,7 @@ std::string page(const TestSandbox& box, const std::vector<std::string>& args) {
 
 TEST(WebPagesOnSimulator, RequestsAnsweredAndItemsOnAUnitWithoutBoards) {
   TestSandbox box;
-  ConsoleDriver console = benchkit(box, {"--without-boards", "--terminal", "2"});
+  ConsoleDriver console = benchkit(box, {"--without-boards", "--terminal", "2", "--ctl", "modem unplug"});
   ASSERT_TRUE(console.wait_for("输入测试项: ", 30)) << console.output();
   const std::vector<std::pair<std::vector<std::string>, std::string>> asked = {
       {{"read-aidi"}, kNoBoard},
@@ -101,8 +101,7 @@ TEST(WebPagesOnSimulator, InputReadingsOfTheBoardsEachSecond) {
 
 TEST(WebPagesOnSimulator, WebModeCountsSwitchesOutputsPublishesTheModemAndDialsAgain) {
   TestSandbox box;
-  box.write("/sim/usb", "");  // no modem: the link never gets an address
-  ConsoleDriver web = benchkit(box, {}, "web");
+  ConsoleDriver web = benchkit(box, {"--ctl", "modem unplug"}, "web");  // the link never gets an address
   ASSERT_TRUE(web.wait_for("按CTRL+C退出软件", 40)) << web.output();
   const double started = platform::monotonic_seconds();
   // The page's view of the segment, from this process: ports 1 to 4 keep sending and receiving.
@@ -124,14 +123,14 @@ TEST(WebPagesOnSimulator, WebModeCountsSwitchesOutputsPublishesTheModemAndDialsA
   }
   EXPECT_TRUE(poll_until(5, [&] { return box.read("/sys/class/gpio/gpio18/value")[0] == '0'; }));  // chase: alarm lit
   std::remove(box.path("/tmp/NetModuleInfo").c_str());
-  EXPECT_TRUE(poll_until(3, [&] {  // rewritten each second
-    return box.read("/tmp/NetModuleInfo") == "SIM 卡状态: 识别中;SIM 卡ISMI号: ;模块IMEI: ;模块信号强度:;模块网络IP:;";
+  EXPECT_TRUE(poll_until(3, [&] {  // rewritten each second; the signal as the supervisor last set it
+    const std::string info = box.read("/tmp/NetModuleInfo");
+    return info.starts_with("SIM 卡状态: 识别中;SIM 卡ISMI号: ;模块IMEI: ;模块信号强度:") && info.ends_with(";模块网络IP:;");
   }));
   const auto dialled_twice = [&] {
     const std::string log = box.read("/tmp/sdklog.log");
     return log.find("]:执行拨号动作", log.find("]:执行拨号动作") + 1) != std::string::npos;
   };
-  EXPECT_FALSE(dialled_twice());
   EXPECT_TRUE(poll_until(80, dialled_twice));
   EXPECT_GT(platform::monotonic_seconds() - started, 57.0);
   EXPECT_EQ(web.output().find("收到数据异常"), std::string::npos) << web.output();
