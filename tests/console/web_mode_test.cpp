@@ -1,5 +1,5 @@
 // Web mode's threads one pass at a time in a sandbox: the counter segment as the page reads it,
-// output requests, the PPP watchdog and the LED chase.
+// output requests and the PPP watchdog.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -74,17 +74,6 @@ TEST(WebMode, PppWatchdogDialsAgainAfter61SecondsWithoutAnAddressAndPublishesThe
   EXPECT_EQ(std::vector({lte::NTU.pppdstart.load(), lte::NTU.CardStat.load()}), std::vector({0, 1}));
   EXPECT_EQ(box.read("/tmp/NetModuleInfo"),
             "SIM 卡状态: 正常;SIM 卡ISMI号: 460011234567890;模块IMEI: ;模块信号强度:-71;模块网络IP:10.64.12.34;");
-}
-
-TEST(WebMode, LedChaseLightsFourLedsInTurnAndPutsThemOutInReverse) {
-  test::TestSandbox box;
-  for (int line : {1, 18, 0, 4}) box.write("/sys/class/gpio/gpio" + std::to_string(line) + "/value", "1");
-  std::string seen;
-  for (int step = 0; step < 8; ++step) {
-    led_chase_step(step);
-    seen += std::string({gpio(box, 1), gpio(box, 18), gpio(box, 0), gpio(box, 4), ' '});
-  }
-  EXPECT_EQ(seen, "0111 0011 0001 0000 0001 0011 0111 1111 ");
 }
 
 }  // namespace

@@ -105,14 +105,13 @@ TEST(WebPagesOnSimulator, WebModeCountsSwitchesOutputsPublishesTheModemAndDialsA
   ASSERT_TRUE(web.wait_for("按CTRL+C退出软件", 40)) << web.output();
   const double started = platform::monotonic_seconds();
   // The page's view of the segment, from this process: ports 1 to 4 keep sending and receiving.
+  const auto above = [](const sim::PortCounters& a, const sim::PortCounters& b) {
+    return std::ranges::all_of(std::vector{0, 1, 2, 3}, [&](int i) { return a.sent[i] > b.sent[i] && a.received[i] > b.received[i]; });
+  };
   sim::PortCounters earlier{}, now{};
   std::string error;
   for (int round = 0; round < 2; ++round, earlier = now) {
-    EXPECT_TRUE(poll_until(10, [&] {
-      return sim::read_counters(box.root(), &now, &error) && std::ranges::all_of(std::vector{0, 1, 2, 3}, [&](int i) {
-               return now.sent[i] > earlier.sent[i] && now.received[i] > earlier.received[i];
-             });
-    })) << error;
+    EXPECT_TRUE(poll_until(10, [&] { return sim::read_counters(box.root(), &now, &error) && above(now, earlier); })) << error;
   }
   EXPECT_TRUE(page(box, {"counters"}).ends_with("port 16 sent=0 received=0\n"));
   for (const std::string state : {"on", "off"}) {
