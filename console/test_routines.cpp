@@ -27,7 +27,7 @@ struct PointName {
 // The loopback test text of port N: "IS COM 03" and a line feed.
 struct LoopText {
   explicit LoopText(int n) { std::snprintf(text, sizeof text, "IS COM %02d\n", n); }
-  char text[16];
+  char text[24];  // room for any int
 };
 
 void loopback_report(const char* format) {
