@@ -51,12 +51,30 @@ void set_12v(const char* message, int gpio, int value) {
 // The serial test command of item 13.
 constexpr char kTestCommand[] = "~10012D92E002FFFCFA\r";
 
-// A follow-up number of items 13 and 14, read like the item number; false at end of input.
+// A follow-up number of items 13, 14 and 99, read like the item number; false at end of input.
 bool read_number(std::FILE* in, const char* prompt, int* number) {
   std::printf("%s", prompt);
   char line[kLineSize];
   if (read_console_line(in, line, sizeof line) < 0) return false;
   *number = console_number(line);
+  return true;
+}
+
+// Item 12: the position report and the signal report, in one reply buffer.
+void show_positioning() {
+  char reply[2048];
+  BSP_GET_GPS_INFO(reply);
+  std::printf("\r\n\r\nGPSINFO:\r\n%s", reply);
+  BSP_GET_GPS_dB_INFO(reply);
+  std::printf("GPS DB:\r\n%s\r\n\r\n", reply);
+}
+
+// Item 99: the positioning mode typed by the operator. Nothing is set when the input ends.
+bool set_position_mode(std::FILE* in) {
+  int mode = 0;
+  if (!read_number(in, "\r\n请输入GPS类型:1-GPS,2-北斗 3-GPS+北斗", &mode)) return false;
+  std::printf("设置类型：%d\r\n", mode);
+  SetPositionMode(mode);
   return true;
 }
 
@@ -117,6 +135,9 @@ bool run_item(int item, std::FILE* in) {
       break;
     case 15:
       COM_TEST_FUN(nullptr);
+    case 12:
+      show_positioning();
+      break;
     case 16:
       NET_MODE_INFO();
       break;
@@ -125,6 +146,18 @@ bool run_item(int item, std::FILE* in) {
       break;
     case 18:
       support::SDK_LOG_PAR_INIT_NOPRINTF();
+      break;
+    case 21:
+      std::puts("设置为 GPS+北斗模式\r");
+      BSP_SET_GPS_PCAS(0);
+      break;
+    case 22:
+      std::puts("设置为 GPS模式\r");
+      BSP_SET_GPS_PCAS(1);
+      break;
+    case 23:
+      std::puts("设置为 北斗模式\r");
+      BSP_SET_GPS_PCAS(2);
       break;
     case 98: {
       char text[1024] = {};
@@ -135,6 +168,9 @@ bool run_item(int item, std::FILE* in) {
       std::printf("模块动态信息:%s\r\n", text);
       break;
     }
+    case 99:
+      if (!set_position_mode(in)) return false;
+      break;
     case 8893:
       UpdateSDK("/tmp/dt_sdk_upgrade.gz");
       break;

@@ -1,7 +1,6 @@
-// One pass of the web request thread over an arbitrary request file: the first byte picks which
-// of the six request files the rest of the input becomes. The private sandbox root has no bin/
-// (no command can run) and no serial ports (a port command fails at once), and the pass does not
-// sleep. The request must be consumed and every answer stay within its report's size.
+// One web request pass over an arbitrary request file (the first byte picks which of the six), in
+// a private root without bin/ or serial ports and without sleeps: the request must be consumed
+// and every answer stay within its report's size.
 #include <ftw.h>
 #include <sys/stat.h>
 
@@ -27,7 +26,7 @@ constexpr std::pair<const char*, long> kAnswers[] = {{kAidiAnswer, kAidiReportSi
                                                      {"/etc/sdk_com_attr", 1024}};
 std::string g_root;
 
-// A root of our own under $TMPDIR with tmp/ and etc/, removed when the fuzzer exits.
+// A root of our own with tmp/ and etc/, removed when the fuzzer exits.
 void make_root() {
   const char* tmp = std::getenv("TMPDIR");
   g_root = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/fsufuzz.XXXXXX";
@@ -39,7 +38,6 @@ void make_root() {
   std::atexit([] { nftw(g_root.c_str(), [](const char* p, const struct stat*, int, FTW*) { return remove(p); }, 8, FTW_DEPTH | FTW_PHYS); });
 }
 
-// Size of a file of the sandbox, -1 when it is not there.
 long file_size(const char* device_path) {
   struct stat st;
   return stat((g_root + device_path).c_str(), &st) == 0 ? static_cast<long>(st.st_size) : -1;

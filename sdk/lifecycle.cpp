@@ -10,7 +10,9 @@
 #include "platform/command_runner.h"
 #include "platform/sandbox_root.h"
 #include "board/software_watchdog.h"
+#include "gps/position_mode.h"
 #include "lte/lte_supervisor.h"
+#include "sdk/clock_repair.h"
 #include "sdk/resource_catalogue.h"
 #include "sdk/sdk_leds.h"
 #include "sdk/web_requests.h"
@@ -85,6 +87,9 @@ extern "C" int InitializeSDK(void) {
   API_WEB_TEST_FUN();
   fsu::board::soft_dog_run(0);
   HW_RESOURCES_CHECK();
+  HW_RESOURCES_CHECK_FUN();
+  fsu::gps::GPS_DEFAULT_SET();
+  fsu::gps::GPS_MODE_UPDATE();
   SDK_LED_HANDLE();
   return 0;
 }

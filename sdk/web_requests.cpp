@@ -10,7 +10,6 @@
 
 #include "fsusdk.h"
 #include "lte/ntu.h"
-#include "sdk/pending_calls.h"
 #include "sdk/resource_catalogue.h"
 #include "sdk/uart_api.h"
 #include "serial/frame_codec.h"

@@ -16,9 +16,7 @@
 namespace fsu::console {
 namespace {
 
-char gpio(const test::TestSandbox& box, int line) {
-  return (box.read("/sys/class/gpio/gpio" + std::to_string(line) + "/value") + "?")[0];
-}
+char gpio(const test::TestSandbox& box, int line) { return (box.read("/sys/class/gpio/gpio" + std::to_string(line) + "/value") + "?")[0]; }
 
 TEST(WebMode, CounterSegmentIsTheSandboxsOwnAndAnotherStartClearsIt) {
   const auto key = [](const char* root) { return platform::shared_memory_key_in(root, 1236); };
@@ -53,7 +51,6 @@ TEST(WebMode, OutputRequestsSwitchBothTwelveVoltLinesAndEveryRelay) {
       EXPECT_EQ(serial::STR_BSP_ENV_INFO.ucDoSetFlag[i] * 2 + serial::STR_BSP_ENV_INFO.ucDoSetValue[i],
                 c.relays < 0 ? 0 : 2 + c.relays);  // flag and value
     }
-    // Contradicting requests stay for somebody else to resolve.
     for (const std::string& f : c.files) EXPECT_EQ(std::remove(box.path("/tmp/set_all_doao_" + f).c_str()) == 0, c.files.size() == 2);
   }
 }
