@@ -1,6 +1,7 @@
 #include "sim/web_pages.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <unistd.h>
@@ -59,6 +60,12 @@ constexpr long kSettleMs = 100;
 
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
+// When the file at `path` was last created or changed; zero when it is not there.
+timespec changed_at(const std::string& path) {
+  struct stat st{};
+  return stat(path.c_str(), &st) == 0 ? st.st_ctim : timespec{};
+}
+
 std::string contents(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream text;
@@ -92,11 +99,13 @@ bool wait_until(double seconds, const auto& done) {
   return true;
 }
 
-// The answer once it is there and has stopped changing.
-bool settled_answer(const std::string& path, std::string* text) {
+// The answer once it has been written after `before` (its change time then) and has stopped
+// changing.
+bool settled_answer(const std::string& path, timespec before, std::string* text) {
   std::string last;
   return wait_until(kAnswerTimeout, [&] {
-    if (!exists(path)) return false;
+    const timespec at = changed_at(path);
+    if (at.tv_sec == 0 || (at.tv_sec == before.tv_sec && at.tv_nsec == before.tv_nsec)) return false;
     const std::string now = contents(path);
     platform::sleep_ms(kSettleMs);
     last = contents(path);
@@ -189,6 +198,7 @@ int web_command(const std::string& root, std::span<char* const> args, std::FILE*
   const std::string request = root + action->request;
   const std::string answer = action->answer != nullptr ? root + action->answer : "";
   if (action->kind == Answer::kNew) unlink(answer.c_str());  // what appears next is the new answer
+  const timespec before = changed_at(answer);  // a file the console rewrites: its old state
   std::string error;
   if (!drop(request, text, &error)) {
     std::fprintf(err, "fsusim: %s\n", error.c_str());
@@ -203,7 +213,7 @@ int web_command(const std::string& root, std::span<char* const> args, std::FILE*
   std::string shown;
   if (action->kind == Answer::kWhenTaken) shown = contents(answer);
   const bool settles = action->kind == Answer::kNew || action->kind == Answer::kRewritten;
-  if (settles && !settled_answer(answer, &shown)) {
+  if (settles && !settled_answer(answer, before, &shown)) {
     std::fprintf(err, "fsusim: no answer in %s\n", action->answer);
     return 1;
   }
