@@ -21,6 +21,7 @@
 #include "sim/control_client.h"
 #include "sim/sandbox.h"
 #include "sim/uci_file.h"
+#include "sim/web_pages.h"
 
 extern char** environ;
 
@@ -40,6 +41,7 @@ constexpr char kUsage[] =
     "  fsusim ctl --root DIR LINE...\n"
     "      hand control lines (such as \"uart 2 terminal\" or \"ai 3 2.5\") to the board up in\n"
     "      DIR and wait until it has taken them; exits 1 when one was rejected\n"
+    "%s"
     "  fsusim tool NAME ARG...\n"
     "      the simulator's side of a stand-in device tool (uci)\n"
     "  fsusim --version\n"
@@ -52,7 +54,7 @@ constexpr char kUsage[] =
     "  --ctl LINE     a control line applied as the board comes up (\"modem row 11\")\n";
 
 int usage(int code) {
-  std::fputs(kUsage, code == 0 ? stdout : stderr);
+  std::fprintf(code == 0 ? stdout : stderr, kUsage, fsu::sim::kWebUsage);
   return code;
 }
 
@@ -348,6 +350,21 @@ int command_ctl(int argc, char** argv) {
   return 1;
 }
 
+int command_web(int argc, char** argv) {
+  const char* root_arg = nullptr;
+  std::vector<std::string> unused;
+  std::string error;
+  int i = 0;
+  if (argc > 0 && board_option(argc, argv, &i, &root_arg, &unused, &error) && unused.empty()) ++i;
+  if (!error.empty()) return bad_use("web: " + error);
+  if (root_arg == nullptr) return bad_use("web: needs --root DIR first");
+  if (i >= argc) return bad_use("web: no request (fsusim --help shows them)");
+  std::string root;
+  if (!usable_root(root_arg, &root)) return 1;
+  return fsu::sim::web_command(root, std::span<char* const>(argv + i, static_cast<std::size_t>(argc - i)), stdout,
+                               stderr);
+}
+
 int command_tool(int argc, char** argv) {
   if (argc < 1) return bad_use("tool: needs the name of a stand-in tool");
   // The tools act on a sandbox only, never on the host's own files.
@@ -376,6 +393,7 @@ int main(int argc, char** argv) {
   if (command == "run") return command_run(argc - 2, argv + 2);
   if (command == "up") return command_up(argc - 2, argv + 2);
   if (command == "ctl") return command_ctl(argc - 2, argv + 2);
+  if (command == "web") return command_web(argc - 2, argv + 2);
   if (command == "tool") return command_tool(argc - 2, argv + 2);
-  return bad_use("unknown command " + std::string(command) + " (commands: run, up, ctl, tool)");
+  return bad_use("unknown command " + std::string(command) + " (commands: run, up, ctl, web, tool)");
 }
