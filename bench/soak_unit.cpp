@@ -36,6 +36,8 @@ std::int64_t wall_ms() {
 
 std::string out_dir;
 std::string root_dir;
+// Paths inside the unit, made once so that the passes allocate nothing.
+std::string state_path, control_path, log_path, counters_path, counters_temp;
 std::FILE* events = nullptr;
 
 void event(const char* format, ...) __attribute__((format(printf, 1, 2)));
@@ -207,8 +209,7 @@ std::array<Stream, 12> streams;
 
 // A line of sim/state that opens with `head` (such as "relay 3 "), copied into `line`.
 bool state_line(const char* head, char* line, std::size_t size) {
-  const std::string path = root_dir + "/sim/state";
-  std::FILE* f = std::fopen(path.c_str(), "r");
+  std::FILE* f = std::fopen(state_path.c_str(), "r");
   if (f == nullptr) return false;
   bool found = false;
   while (std::fgets(line, static_cast<int>(size), f) != nullptr) {
@@ -222,11 +223,11 @@ bool state_line(const char* head, char* line, std::size_t size) {
 }
 
 void control(const char* line) {
-  const std::string path = root_dir + "/sim/control";
-  const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+  const int fd = open(control_path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
   if (fd < 0) return;
-  const std::string text = std::string(line) + "\n";
-  (void)!write(fd, text.data(), text.size());
+  char text[64];
+  const int n = std::snprintf(text, sizeof text, "%s\n", line);
+  (void)!write(fd, text, static_cast<std::size_t>(std::min<int>(n, sizeof text - 1)));
   ::close(fd);
 }
 
@@ -319,7 +320,13 @@ struct WebPage {
   std::uint64_t ok_count = 0, failed = 0;
   Service service{};
 
-  std::string path(const char* name) const { return root_dir + "/tmp/" + name; }
+  std::string request, temp, answer;
+
+  void start() {
+    request = root_dir + "/tmp/web_read_aidi";
+    temp = root_dir + "/tmp/.web_read_aidi.soak";
+    answer = root_dir + "/tmp/AIDIIFO";
+  }
 
   void fail(std::int64_t now, const char* why) {
     ++failed;
@@ -332,10 +339,9 @@ struct WebPage {
   void pass(std::int64_t now) {
     if (!enabled) return;
     if (asked_at == 0 && now >= next_at) {
-      unlink(path("AIDIIFO").c_str());
-      const std::string temp = path(".web_read_aidi.soak");
+      unlink(answer.c_str());
       const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-      if (fd < 0 || ::close(fd) != 0 || rename(temp.c_str(), path("web_read_aidi").c_str()) != 0) {
+      if (fd < 0 || ::close(fd) != 0 || rename(temp.c_str(), request.c_str()) != 0) {
         unlink(temp.c_str());
         fail(now, "request_not_written");
         return;
@@ -344,16 +350,15 @@ struct WebPage {
       return;
     }
     if (asked_at == 0) return;
-    struct stat answer{};
-    if (stat(path("AIDIIFO").c_str(), &answer) == 0 && answer.st_size > 0 &&
-        access(path("web_read_aidi").c_str(), F_OK) != 0) {
+    struct stat st{};
+    if (stat(answer.c_str(), &st) == 0 && st.st_size > 0 && access(request.c_str(), F_OK) != 0) {
       ++ok_count;
       event("web_ok service=web answer_ms=%lld", static_cast<long long>(now - asked_at));
       service.ok(now);
       asked_at = 0;
       next_at = now + 3000;
     } else if (now - asked_at > 3000) {
-      unlink(path("web_read_aidi").c_str());
+      unlink(request.c_str());
       fail(now, "no_answer");
     }
   }
@@ -361,20 +366,18 @@ struct WebPage {
 
 WebPage web;
 
-// The SDK's log: it is written many times a second, so a log file that stands still for a
-// second means the SDK cannot write its files.
+// The SDK's log: it is written many times a second, so a log file whose size stands still for
+// a second and a half means the SDK cannot write its files. (The size, not the time of change:
+// a write that fails for want of space still changes that.)
 struct LogWatch {
   long long size = -1;
-  std::int64_t mtime_ns = 0;
   Service service{};
 
   void pass(std::int64_t now) {
     struct stat st{};
-    if (stat((root_dir + "/tmp/sdklog.log").c_str(), &st) == 0) {
-      const std::int64_t mtime = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
-      if (st.st_size != size || mtime != mtime_ns) service.ok(now);
+    if (stat(log_path.c_str(), &st) == 0) {
+      if (st.st_size != size) service.ok(now);
       size = st.st_size;
-      mtime_ns = mtime;
     }
     service.check(now);
   }
@@ -396,9 +399,7 @@ void read_inputs() {
 }
 
 void write_counters() {
-  const std::string path = out_dir + "/counters";
-  const std::string temp = path + ".tmp";
-  std::FILE* f = std::fopen(temp.c_str(), "w");
+  std::FILE* f = std::fopen(counters_temp.c_str(), "w");
   if (f == nullptr) return;
   std::fprintf(f, "at=%lld\n", static_cast<long long>(wall_ms()));
   for (const Stream& s : streams) {
@@ -412,7 +413,7 @@ void write_counters() {
   std::fprintf(f, "web_ok=%llu web_failed=%llu\n", static_cast<unsigned long long>(web.ok_count),
                static_cast<unsigned long long>(web.failed));
   std::fclose(f);
-  rename(temp.c_str(), path.c_str());
+  rename(counters_temp.c_str(), counters_path.c_str());
 }
 
 void start_service(Service& s, const char* name, std::int64_t limit_ms, std::int64_t now) {
@@ -431,9 +432,15 @@ int main(int argc, char** argv) {
     return 2;
   }
   root_dir = root;
+  state_path = root_dir + "/sim/state";
+  control_path = root_dir + "/sim/control";
+  log_path = root_dir + "/tmp/sdklog.log";
   out_dir = argv[1];
+  counters_path = out_dir + "/counters";
+  counters_temp = counters_path + ".tmp";
   const double duration = std::atof(argv[2]);
   web.enabled = argc > 3 && std::strcmp(argv[3], "web") == 0;
+  web.start();
   events = std::fopen((out_dir + "/events.log").c_str(), "a");
   if (events == nullptr) return 2;
   event("pid pid=%d", static_cast<int>(getpid()));

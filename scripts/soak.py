@@ -320,10 +320,13 @@ def report(out, faults=None):
     if base and end_rss:
         growth = 100.0 * (end_rss - base) / base
         peak = max(v for t, v in rss if t >= base_at)
-        rule("resident memory grows by less than 1% after the first "
-             f"{base_at / 60:.0f} min", growth < 1.0,
-             f"{base} kB at {base_at / 60:.0f} min, {end_rss} kB at the end ({growth:+.2f}%), "
-             f"peak {peak} kB")
+        figures = (f"{base} kB at {base_at / 60:.0f} min, {end_rss} kB at the end ({growth:+.2f}%), "
+                   f"peak {peak} kB")
+        if meta["build"] == "asan":  # its allocator keeps freed blocks: the figure is no leak test
+            rule("resident memory (not judged in the ASan build)", True, figures)
+        else:
+            rule(f"resident memory grows by less than 1% after the first {base_at / 60:.0f} min",
+                 growth < 1.0, figures)
     else:
         rule("resident memory grows by less than 1%", False, "too few samples")
     for key in ("fds", "threads"):
@@ -465,18 +468,21 @@ def plot(out, rows, applied, by_key):
         return
     keys = list(dict.fromkeys(k for k, _, _, _ in applied))
     with open(os.path.join(out, "plot.dat"), "w") as f:
-        f.write("# minutes rss_mb cpu sim_cpu sent_Bps received_Bps bad_or_lost reading_age_s\n")
+        f.write("# minutes rss_mb cpu sim_cpu sent_Bps received_Bps bad_or_lost reading_age_s fds threads\n")
         for r in rows:
             sent = sum(int(r[f"p{p}_sent"]) for p in PORTS) / SAMPLE_S
             received = sum(int(r[f"p{p}_received"]) for p in PORTS) / SAMPLE_S
             bad = sum(int(r[f"p{p}_bad"]) + int(r[f"p{p}_lost"]) for p in PORTS)
             f.write(f"{float(r['time_s']) / 60:.3f} {int(r['rss_kb']) / 1024:.3f} "
                     f"{r['cpu_pct'] or 'NaN'} {r['sim_cpu_pct'] or 'NaN'} {sent:.0f} {received:.0f} {bad} "
-                    f"{r['reading_age_s'] or 'NaN'}\n")
+                    f"{r['reading_age_s'] or 'NaN'} {r['fds']} {r['threads']}\n")
     with open(os.path.join(out, "faults.dat"), "w") as f:
         for k, title, s, e in applied:
             f.write(f"{s / 60:.3f} {max(e - s, 3) / 60:.3f} {keys.index(k) + 1} \"{by_key[k].title}\"\n")
     end = float(rows[-1]["time_s"]) / 60
+    peak_mb = max(int(r["rss_kb"]) for r in rows) / 1024
+    peak_count = max(max(int(r["fds"]), int(r["threads"])) for r in rows)
+    peak_bps = max(sum(int(r[f"p{p}_sent"]) for p in PORTS) for r in rows) / SAMPLE_S
     shade = "\n".join(f"set object {i + 1} rect from {s / 60:.3f}, graph 0 to {max(e, s + 3) / 60:.3f}, "
                       "graph 1 fc rgb '#ffd8a8' fs solid 0.6 noborder behind"
                       for i, (_, _, s, e) in enumerate(applied))
@@ -491,15 +497,27 @@ set key top right opaque
 {shade}
 set title 'Soak run: memory, CPU, serial throughput and faults over one time axis (shaded: a fault is applied)'
 set ylabel 'resident MiB'
+set yrange [0:{peak_mb * 1.35:.2f}]
+set y2label 'count'
+set y2range [0:{peak_count * 2.2:.0f}]
+set y2tics
 set format x ''
-plot '{out}/plot.dat' using 1:2 with lines lw 2 lc rgb '#1f77b4' title 'SDK process resident memory'
+set key bottom right
+plot '{out}/plot.dat' using 1:2 with lines lw 2 lc rgb '#1f77b4' title 'SDK process resident memory', \\
+     '' using 1:9 axes x1y2 with steps lw 1 lc rgb '#9467bd' title 'open descriptors', \\
+     '' using 1:10 axes x1y2 with steps lw 1 dt 2 lc rgb '#8c564b' title 'threads'
 set title ''
+unset y2label
+unset y2tics
+set key top right
 set ylabel 'CPU % of a core'
 set yrange [0:*]
 plot '{out}/plot.dat' using 1:3 with lines lw 2 lc rgb '#d62728' title 'SDK process', \\
      '' using 1:4 with lines lw 1 lc rgb '#7f7f7f' title 'fsusim'
 set ylabel 'bytes/s, 12 ports'
+set yrange [0:{peak_bps * 1.6:.0f}]
 set y2label 'bytes lost or out of pattern'
+set y2range [0:*]
 set y2tics
 plot '{out}/plot.dat' using 1:5 with lines lw 2 lc rgb '#2ca02c' title 'sent', \\
      '' using 1:6 with lines lw 1 dt 2 lc rgb '#000000' title 'received', \\
