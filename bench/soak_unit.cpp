@@ -231,49 +231,63 @@ void control(const char* line) {
   ::close(fd);
 }
 
-// Freshness of the readings: every second the far end's AI 1 is set to the next value of a
-// cycle from 0.1 V to 4.0 V; the age of the readings is how long ago the value that AI 1 shows
-// was set (it keeps growing while the readings stand still).
-struct Freshness {
+// What the unit passes on from its far end, and how fresh it is: the application tells the far
+// end (through sim/control) to show a new value now and then, and the age of what the unit
+// shows is how long ago the value it shows was set. It keeps growing while the unit stands
+// still; the service is lost once it passes `limit_ms`.
+struct Mirror {
   struct Set {
-    float volts;
+    double value;
     std::int64_t at;
   };
   std::array<Set, 8> sets{};
-  std::size_t next = 0;
-  int step = 0;
+  std::size_t count = 0;
   std::int64_t shown_since = 0;  // when the value shown was set
-  std::array<std::int64_t, 10> worst{};  // the worst age in each of the last ten seconds
+  std::array<std::int64_t, 10> worst{};  // the worst age seen in each of the last ten sets
   Service service{};
 
-  void set_next() {
-    step = step % 40 + 1;
-    const float volts = static_cast<float>(step) / 10.0F;
-    char line[48];
-    std::snprintf(line, sizeof line, "ai 1 %.1f", static_cast<double>(volts));
-    control(line);
-    sets[next++ % sets.size()] = {volts, wall_ms()};
-    worst[next % worst.size()] = 0;
+  void set(double value, std::int64_t now) {
+    sets[count % sets.size()] = {value, now};
+    ++count;
+    worst[count % worst.size()] = 0;
   }
 
-  void read() {
-    float volts = 0;
-    if (GetAIValue("Local/AI/1", 0, &volts) != 0) return;
-    const std::int64_t now = wall_ms();
+  // `shown` is what the unit passes on now, `tolerance` how near a set value it must be.
+  void seen(double shown, double tolerance, std::int64_t now) {
     for (const Set& s : sets) {
-      if (s.at > shown_since && std::fabs(s.volts - volts) < 0.02F) shown_since = s.at;
+      if (s.at > shown_since && std::fabs(s.value - shown) <= tolerance) shown_since = s.at;
     }
     if (shown_since == 0) return;
-    std::int64_t& w = worst[next % worst.size()];
+    std::int64_t& w = worst[count % worst.size()];
     w = std::max(w, now - shown_since);
-    if (now - shown_since <= 3000) service.ok(now);
+    if (now - shown_since <= service.limit_ms) service.ok(now);
     service.check(now);
   }
 
   std::int64_t worst_age() const { return *std::max_element(worst.begin(), worst.end()); }
 };
 
-Freshness freshness;
+// The readings: every second AI 1 of the environment board is set to the next value of a cycle
+// from 0.1 V to 4.0 V, and read back every 100 ms.
+struct Readings {
+  int step = 0;
+  Mirror mirror{};
+
+  void set_next(std::int64_t now) {
+    step = step % 40 + 1;
+    char line[48];
+    std::snprintf(line, sizeof line, "ai 1 %.1f", step / 10.0);
+    control(line);
+    mirror.set(step / 10.0, now);
+  }
+
+  void read(std::int64_t now) {
+    float volts = 0;
+    if (GetAIValue("Local/AI/1", 0, &volts) == 0) mirror.seen(volts, 0.02, now);
+  }
+};
+
+Readings freshness;
 
 // Relays: every 2 s one output is switched (DO 1 to 8 in turn); 3 s later the far end's state
 // (sim/state) must show it.
@@ -385,6 +399,70 @@ struct LogWatch {
 
 LogWatch log_watch;
 
+// A quoted number of the dynamic information text, such as "SignalStrength":"-61".
+double json_number(const char* text, const char* key, bool* found) {
+  char pattern[48];
+  std::snprintf(pattern, sizeof pattern, "\"%s\":\"", key);
+  const char* at = std::strstr(text, pattern);
+  *found = at != nullptr && std::strncmp(at + std::strlen(pattern), "NULL", 4) != 0;
+  return *found ? std::atof(at + std::strlen(pattern)) : 0.0;
+}
+
+// The modem and the data link as an application sees them through the dial calls. The link is
+// asked for at start, and again once it has been down for 3 s, at most every 20 s (a dial takes
+// about 10 s; asking again meanwhile would restart it). The modem's queries must follow the
+// signal the far end is set to (rssi 22 to 31, -63 to -54 dBm), the positioning record the
+// position (31.01 to 31.50 N, 121.01 to 121.50 E).
+struct Modem {
+  bool enabled = false, positioning = false;
+  Service link{};
+  Mirror signal{}, position{};
+  int step = 0;
+  std::int64_t next_set = 0, offline_since = 0, last_dial = 0;
+
+  void dial(std::int64_t now) {
+    DialDial(nullptr, nullptr);
+    last_dial = now;
+    event("dial service=link");
+  }
+
+  void pass(std::int64_t now) {
+    if (!enabled) return;
+    if (now >= next_set) {
+      next_set = now + 2000;
+      step = step % 10 + 1;
+      char line[48];
+      std::snprintf(line, sizeof line, "modem signal %d", 21 + step);
+      control(line);
+      signal.set(21 + step - 85, now);
+      if (positioning) {
+        const double lat = 31.0 + 0.01 * (step + 40 * (step % 2)), lon = 121.0 + 0.01 * (step + 40 * (step % 2));
+        std::snprintf(line, sizeof line, "gps position %.2f %.2f", lat, lon);
+        control(line);
+        position.set(lat + lon, now);
+      }
+    }
+    char info[512] = {};
+    DialGetDynamicInfo(info, sizeof info);
+    bool found = false;
+    const double dbm = json_number(info, "SignalStrength", &found);
+    if (found) signal.seen(dbm, 0.5, now);
+    bool lat_found = false, lon_found = false;
+    const double sum = json_number(info, "Latitude", &lat_found) + json_number(info, "Longitude", &lon_found);
+    if (positioning && lat_found && lon_found) position.seen(sum, 0.002, now);
+    if (DialIsOnline() == 0) {
+      link.ok(now);
+      offline_since = 0;
+      return;
+    }
+    if (offline_since == 0) offline_since = now;
+    link.check(now);
+    if (now - offline_since >= 3000 && now - last_dial >= 20000) dial(now);
+  }
+};
+
+Modem modem;
+
 void read_inputs() {
   for (int i = 1; i <= 16; ++i) {
     char name[24];
@@ -407,9 +485,12 @@ void write_counters() {
                  static_cast<unsigned long long>(s.sent), static_cast<unsigned long long>(s.received),
                  static_cast<unsigned long long>(s.bad), static_cast<unsigned long long>(s.lost));
   }
-  std::fprintf(f, "reading_age_ms=%lld\n", static_cast<long long>(freshness.worst_age()));
+  std::fprintf(f, "reading_age_ms=%lld\n", static_cast<long long>(freshness.mirror.worst_age()));
   std::fprintf(f, "relays_ok=%llu relays_wrong=%llu\n", static_cast<unsigned long long>(relays.ok),
                static_cast<unsigned long long>(relays.wrong));
+  std::fprintf(f, "link_up=%d\n", modem.enabled && !modem.link.down ? 1 : 0);
+  std::fprintf(f, "modem_age_ms=%lld position_age_ms=%lld\n", static_cast<long long>(modem.signal.worst_age()),
+               static_cast<long long>(modem.position.worst_age()));
   std::fprintf(f, "web_ok=%llu web_failed=%llu\n", static_cast<unsigned long long>(web.ok_count),
                static_cast<unsigned long long>(web.failed));
   std::fclose(f);
@@ -428,7 +509,7 @@ void start_service(Service& s, const char* name, std::int64_t limit_ms, std::int
 int main(int argc, char** argv) {
   const char* root = std::getenv("FSU_ROOT");
   if (root == nullptr || argc < 3 || std::atof(argv[2]) <= 0) {
-    std::fprintf(stderr, "run me on fsusim: fsusim run --root R -- %s OUT SECONDS [web]\n", argv[0]);
+    std::fprintf(stderr, "run me on fsusim: fsusim run --root R -- %s OUT SECONDS [web] [modem] [gps]\n", argv[0]);
     return 2;
   }
   root_dir = root;
@@ -439,7 +520,11 @@ int main(int argc, char** argv) {
   counters_path = out_dir + "/counters";
   counters_temp = counters_path + ".tmp";
   const double duration = std::atof(argv[2]);
-  web.enabled = argc > 3 && std::strcmp(argv[3], "web") == 0;
+  for (int i = 3; i < argc; ++i) {
+    web.enabled |= std::strcmp(argv[i], "web") == 0;
+    modem.enabled |= std::strcmp(argv[i], "modem") == 0;
+    modem.positioning |= std::strcmp(argv[i], "gps") == 0;
+  }
   web.start();
   events = std::fopen((out_dir + "/events.log").c_str(), "a");
   if (events == nullptr) return 2;
@@ -466,9 +551,16 @@ int main(int argc, char** argv) {
     std::snprintf(name, sizeof name, "uart%d", s.port);
     start_service(s.service, name, 2000, run_start_ms);
   }
-  start_service(freshness.service, "inputs", 4000, run_start_ms);
+  start_service(freshness.mirror.service, "inputs", 3500, run_start_ms);
   start_service(web.service, "web", 0, run_start_ms);
   start_service(log_watch.service, "log", 1500, run_start_ms);
+  // The link and the modem's and receiver's figures start as not yet there: their first "up"
+  // says when they came.
+  start_service(modem.link, "link", 1500, run_start_ms);
+  start_service(modem.signal.service, "modem", 7000, run_start_ms);
+  start_service(modem.position.service, "position", 7000, run_start_ms);
+  modem.link.down = modem.signal.service.down = modem.position.service.down = true;
+  if (modem.enabled) modem.dial(run_start_ms);
   event("load_started ports=12");
 
   std::int64_t next_second = run_start_ms;
@@ -481,7 +573,7 @@ int main(int argc, char** argv) {
       s.receive();
       s.service.check(wall_ms());
     }
-    freshness.read();
+    freshness.read(wall_ms());
     std::int64_t now = wall_ms();
     web.pass(now);
     log_watch.pass(now);
@@ -491,7 +583,8 @@ int main(int argc, char** argv) {
       next_relay += 2000;
     }
     if (now >= next_second) {
-      freshness.set_next();
+      modem.pass(now);
+      freshness.set_next(now);
       read_inputs();
       write_counters();
       next_second += 1000;
@@ -505,6 +598,11 @@ int main(int argc, char** argv) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
   for (Stream& s : streams) s.close();
+  // How each service stands at the end: every one must be there.
+  for (const Service* s : {&freshness.mirror.service, &log_watch.service, &web.service, &modem.link, &modem.signal.service,
+                           &modem.position.service}) {
+    event("end service=%s state=%s", s->name, s->down ? "down" : "up");
+  }
   write_counters();
   event("done");
   std::fclose(events);
