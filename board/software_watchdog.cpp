@@ -13,6 +13,16 @@ namespace {
 
 std::atomic<int> thread_started{0};
 pthread_t thread_dog;
+pthread_t thread_com_dog;
+
+// The extension links' keep-alive, once a second. It writes to the board links, and a write
+// may wait for its port, so it runs apart from the watchdog's decision.
+void* com_dog_thread(void*) {
+  for (;;) {
+    serial::RunComDog();
+    platform::sleep_s(1);
+  }
+}
 
 }  // namespace
 
@@ -61,7 +71,6 @@ void soft_dog_pass(std::uint32_t now) {
 
 void* App_SoftDogFeed(void*) {
   for (;;) {
-    serial::RunComDog();
     platform::sleep_s(1);
     soft_dog_pass(ReadSysTime_Value());
   }
@@ -69,7 +78,9 @@ void* App_SoftDogFeed(void*) {
 
 long soft_dog_run(long arg) {
   if (thread_started.exchange(1) == 1) return arg;
-  return pthread_create(&thread_dog, nullptr, App_SoftDogFeed, nullptr);
+  const int keep_alive = pthread_create(&thread_com_dog, nullptr, com_dog_thread, nullptr);
+  const int watchdog = pthread_create(&thread_dog, nullptr, App_SoftDogFeed, nullptr);
+  return watchdog != 0 ? watchdog : keep_alive;
 }
 
 }  // namespace fsu::board

@@ -1,5 +1,6 @@
 // The software watchdog: once armed, the device reboots when the application has not fed it
-// for its interval plus one minute. Its thread also runs the extension links' keep-alive.
+// for its interval plus one minute. Starting it also starts the extension links' keep-alive,
+// on a thread of its own so that no port write can hold up the watchdog's decision.
 #pragma once
 
 #include <atomic>
@@ -26,7 +27,8 @@ int bsp_SoftDogFeed();
 bool soft_dog_expired(std::uint32_t now);
 // One check of the watchdog thread at `now`: logs and reboots through the shell when expired.
 void soft_dog_pass(std::uint32_t now);
-// Starts the watchdog thread on the first call (the creation result); later calls return arg.
+// Starts the watchdog and keep-alive threads on the first call (the creation result); later
+// calls return arg.
 long soft_dog_run(long arg);
 void* App_SoftDogFeed(void* arg);
 

@@ -72,12 +72,24 @@ void run_item(int item) {
     case 10:
       set_12v("主板第2路12V上电", 5, 1);
       break;
+    case 16:
+      NET_MODE_INFO();
+      break;
     case 17:
       support::SDK_LOG_PAR_INIT();
       break;
     case 18:
       support::SDK_LOG_PAR_INIT_NOPRINTF();
       break;
+    case 98: {
+      char text[1024] = {};
+      DialGetStaticInfo(text, 1023);
+      std::printf("模块静态信息:%s\r\n", text);
+      std::memset(text, 0, sizeof text);
+      DialGetDynamicInfo(text, 1023);
+      std::printf("模块动态信息:%s\r\n", text);
+      break;
+    }
     case 8893:
       UpdateSDK("/tmp/dt_sdk_upgrade.gz");
       break;

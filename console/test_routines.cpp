@@ -1,7 +1,11 @@
 #include "console/test_routines.h"
 
+#include <atomic>
 #include <cstdio>
 
+#include "fsusdk.h"
+#include "gps/gps_record.h"
+#include "lte/ntu.h"
 #include "platform/clock.h"
 #include "platform/command_runner.h"
 #include "sdk/resource_catalogue.h"
@@ -32,6 +36,27 @@ void Printf_Resource() {
   std::printf("AI数量:%d\r\n", sdk::sdk_read_ai_num());
   std::printf("DI数量:%d\r\n", sdk::sdk_read_di_num());
   std::printf("DO数量:%d\r\n", sdk::sdk_read_do_num());
+}
+
+namespace {
+
+// The altitude as a whole number; what no int holds (or no number at all) shows as 0.
+int whole_metres(float altitude) { return altitude > -2e9F && altitude < 2e9F ? static_cast<int>(altitude) : 0; }
+
+}  // namespace
+
+void NET_MODE_INFO() {
+  static std::atomic<int> dialled{0};
+  if (dialled.exchange(1) == 0) DialDial(nullptr, nullptr);
+  const lte::NtuTexts texts = lte::ntu_texts();
+  lte::NTU.CardStat.store(texts.cimi[0] != '\0' ? 1 : 0);
+  std::printf("SIM 卡状态: %s\r\n", lte::NTU.CardStat.load() == 1 ? "正常" : "还未检测到");
+  std::printf("SIM 卡ISMI号: %s\r\n", texts.cimi);
+  std::printf("模块IMEI: %s\r\n", texts.imei);
+  std::printf("模块信号强度:%s\r\n", texts.csq);
+  std::printf("模块网络IP:%s\r\n", texts.lteip);
+  const gps::GpsFix fix = gps::gps_fix();
+  std::printf("\r\n经度=%.8lf,纬度=%.8lf,高度=%d\r\n", fix.longitude, fix.latitude, whole_metres(fix.altitude));
 }
 
 }  // namespace fsu::console

@@ -9,5 +9,8 @@ void system_cmd(const char* command);
 void Read_Hardware_RTC();
 // Item 2: the resource counts.
 void Printf_Resource();
+// Item 16: the modem's SIM, IMSI, IMEI, signal and address, and the position; the first call
+// in the process also asks for the data link.
+void NET_MODE_INFO();
 
 }  // namespace fsu::console

@@ -68,6 +68,35 @@ int WriteUart(const char *name, const char *buf, int len);
 /* Takes up to len received bytes into buf, waiting up to timeout ms once; returns the count. */
 int ReadUart(const char *name, char *buf, int len, int timeout);
 
+/* ---- Wireless dial and system ---- */
+
+/* Logs the start of dial use; param is not consulted. */
+int DialInit(void *param);
+/* Logs the end of dial use (the link stays up); param is not consulted. */
+int DialTerminate(void *param);
+/* Asks the LTE supervisor to bring the data link up; both texts are only logged (may be null). */
+int DialDial(const char *param1, const char *param2);
+/* 0 when the data link has an address (6 characters or more), else -1. */
+int DialIsOnline(void);
+/* The modem's static JSON text (carrier, model, IMEI, IMSI) into buf of size bytes. */
+int DialGetStaticInfo(char *buf, int size);
+/* The modem's dynamic JSON text (SIM, network type, signal, address, position) into buf. */
+int DialGetDynamicInfo(char *buf, int size);
+/* Asks for a soft restart of the modem. */
+int DialSoftReboot(void);
+/* Cuts the modem's power (12 V output 0 for 3 s, then GPIO 12): blocks about 3 s. */
+int DialHardReboot(void);
+/* Sets the system and hardware clock from a text such as "2023-12-27 23:09:56". */
+int SetRtc(const char *time);
+/* Creates or replaces the FTP account user with password and home folder path. */
+int SetFtp(const char *user, const char *password, const char *path);
+/* Removes the FTP account user; always returns -1. */
+int DelFtp(const char *user);
+/* No extension types are supported: always -2; param is not consulted. */
+int GetSupportedExtendType(void *param);
+/* Extensions cannot be added: always -1; param is not consulted. */
+int AddExtend(void *param);
+
 #ifdef __cplusplus
 }
 #endif

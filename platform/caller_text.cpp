@@ -15,4 +15,13 @@ bool caller_text_is_safe(const char* text, Blanks blanks) {
   return true;
 }
 
+bool caller_path_is_safe(const char* path) {
+  if (!caller_text_is_safe(path, Blanks::kAllowed) || path[0] != '/') return false;
+  if (std::strpbrk(path, "*?[]{}~") != nullptr) return false;
+  for (const char* step = path; step != nullptr; step = std::strchr(step + 1, '/')) {
+    if (std::strncmp(step, "/..", 3) == 0 && (step[3] == '/' || step[3] == '\0')) return false;
+  }
+  return true;
+}
+
 }  // namespace fsu::platform

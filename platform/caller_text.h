@@ -10,4 +10,8 @@ enum class Blanks { kRefused, kAllowed };
 // and no blanks unless the command quotes the text (Blanks::kAllowed). Null is refused.
 bool caller_text_is_safe(const char* text, Blanks blanks);
 
+// True when `path` names a file under the root and nothing else once quoted in a command: an
+// absolute device path with no ".." step and no glob characters, safe as quoted text.
+bool caller_path_is_safe(const char* path);
+
 }  // namespace fsu::platform

@@ -1,16 +1,21 @@
 #include "platform/sandbox_root.h"
 
 #include <atomic>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <mutex>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace fsu::platform {
 namespace {
+
+// The board's first UART: where it exists, an unset FSU_ROOT means this is the board.
+constexpr const char* kBoardDevice = "/dev/ttymxc1";
 
 // Characters a root may hold: the root appears unquoted inside shell command lines.
 bool root_text_is_plain(const char* s) {
@@ -51,13 +56,42 @@ const char* make_root(const char* dir) {
   return keep(std::move(text));
 }
 
+// Stops the process with one line on standard error: nothing may fall back to the host's
+// own files, tools or devices.
+[[noreturn]] void refuse(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void refuse(const char* format, ...) {
+  std::fflush(stdout);
+  std::fputs("fsu: ", stderr);
+  va_list args;
+  va_start(args, format);
+  std::vfprintf(stderr, format, args);
+  va_end(args);
+  std::fputc('\n', stderr);
+  _exit(EXIT_FAILURE);
+}
+
+bool is_directory(const char* path) {
+  struct stat st;
+  return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// Where the SDK runs, from the environment: FSU_ROOT names the folder of a simulated board,
+// or "/" for this machine's own devices; unset (or empty), the real device only where its
+// first UART exists, so that a program started on a PC by mistake touches nothing.
 const char* root_from_environment() {
-  const char* r = make_root(std::getenv("FSU_ROOT"));
-  if (r == nullptr) {
-    // A root we cannot use safely must never fall back to the real device.
-    std::fprintf(stderr, "FSU_ROOT is unusable (too long or unusual characters)\n");
-    std::abort();
+  const char* setting = std::getenv("FSU_ROOT");
+  if (setting == nullptr || setting[0] == '\0') {
+    if (access(kBoardDevice, F_OK) == 0) return "";
+    refuse("no board here (%s is missing) and FSU_ROOT is not set: run the program on a simulated board "
+           "(fsusim run -- PROGRAM) or set FSU_ROOT to a board's folder (FSU_ROOT=/ uses this machine's devices)",
+           kBoardDevice);
   }
+  const char* r = make_root(setting);
+  if (r == nullptr) {
+    refuse("FSU_ROOT is unusable: at most %zu characters of letters, digits and / . _ - + , are allowed",
+           kMaxRootLength);
+  }
+  if (r[0] != '\0' && !is_directory(r)) refuse("FSU_ROOT names no folder (%s): start the board with fsusim first", r);
   return r;
 }
 

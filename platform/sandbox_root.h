@@ -1,6 +1,9 @@
 // Where the device's files live. Every absolute device path ("/tmp/...", "/etc/config/...",
 // "/sys/class/gpio/...", "/dev/ttymxcN") is resolved under one root directory, taken from the
-// environment variable FSU_ROOT. Unset (or "/") means the real device.
+// environment variable FSU_ROOT on first use: the folder of a simulated board, or "/" for the
+// machine's own devices. Unset, it is the real device only where /dev/ttymxc1 exists. An
+// unset FSU_ROOT off the board, one that names no folder or holds characters a command line
+// could misread stop the process with one line on standard error and exit status 1.
 #pragma once
 
 #include <cstddef>

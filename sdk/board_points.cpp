@@ -123,11 +123,12 @@ void BSP_BEEP_START() {}
 
 using namespace fsu::sdk;
 using fsu::support::SDK_LOG_DEBUG;
+using fsu::support::LogText;
 using fsu::support::SDK_LOG_WRITE;
 
 extern "C" int GetAIValue(const char* name, int type, float* value) {
   const int result = Read_AI_VALUE_FromResourceName(READ_resourceName(name), type, value);
-  SDK_LOG_WRITE(SDK_LOG_DEBUG, "GetAIValue resourceName:%s type=%d,Value=%f;result=%d", name ? name : "(null)", type,
+  SDK_LOG_WRITE(SDK_LOG_DEBUG, "GetAIValue resourceName:%s type=%d,Value=%f;result=%d", LogText(name).c_str(), type,
                 value ? static_cast<double>(*value) : 0.0, result);
   return result;
 }
@@ -138,34 +139,34 @@ extern "C" int GetAIValue_String(const char* name, int type, char* text) {
   if (text == nullptr) return -1;
   // A reading is at most a few volts or milliamperes: "%f" stays far below the 32 bytes asked of callers.
   std::snprintf(text, 32, "%f", static_cast<double>(value));
-  SDK_LOG_WRITE(SDK_LOG_DEBUG, "GetAIValue resourceName:%s type=%d,Value=%s;result=%d", name ? name : "(null)", type,
+  SDK_LOG_WRITE(SDK_LOG_DEBUG, "GetAIValue resourceName:%s type=%d,Value=%s;result=%d", LogText(name).c_str(), type,
                 text, result);
   return result;
 }
 
 extern "C" int GetDIValue(const char* name, int* value) {
   const int result = Read_DI_VALUE_FromResourceName(READ_resourceName(name), value);
-  SDK_LOG_WRITE(SDK_LOG_DEBUG, "GetDIValue resourceName:%s,Value=%d", name ? name : "(null)", value ? *value : 0);
+  SDK_LOG_WRITE(SDK_LOG_DEBUG, "GetDIValue resourceName:%s,Value=%d", LogText(name).c_str(), value ? *value : 0);
   return result;
 }
 
 extern "C" int SetDOValue(const char* name, int value) {
   const int id = READ_resourceName(name);
   const int result = SetDOValue_FromResourceName(id, value);
-  SDK_LOG_WRITE(SDK_LOG_DEBUG, "SetDOValue resourceName:%s(%d),Value=%d", name ? name : "(null)", id, value);
+  SDK_LOG_WRITE(SDK_LOG_DEBUG, "SetDOValue resourceName:%s(%d),Value=%d", LogText(name).c_str(), id, value);
   return result;
 }
 
 extern "C" int GetBatValue(const char* name, float* value) {
   Read_Bat_VALUE_FromResourceName(READ_resourceName(name), value);
-  SDK_LOG_WRITE(SDK_LOG_DEBUG, "GetBatValue resourceName:%s,Value=%f", name ? name : "(null)",
+  SDK_LOG_WRITE(SDK_LOG_DEBUG, "GetBatValue resourceName:%s,Value=%f", LogText(name).c_str(),
                 value ? static_cast<double>(*value) : 0.0);
   return -1;
 }
 
 extern "C" int SetLEDValue(const char* name, int value) {
   SetLEDValue_FromResourceName(READ_resourceName(name), value);
-  SDK_LOG_WRITE(SDK_LOG_DEBUG, "SetLEDValue resourceName:%s,Value=%d", name ? name : "(null)", value);
+  SDK_LOG_WRITE(SDK_LOG_DEBUG, "SetLEDValue resourceName:%s,Value=%d", LogText(name).c_str(), value);
   SDK_LED_CONTROL_SELF_FG.store(1);
   return -1;
 }

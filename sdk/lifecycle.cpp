@@ -10,6 +10,7 @@
 #include "platform/command_runner.h"
 #include "platform/sandbox_root.h"
 #include "board/software_watchdog.h"
+#include "lte/lte_supervisor.h"
 #include "sdk/resource_catalogue.h"
 #include "sdk/sdk_leds.h"
 #include "serial/serial_ports.h"
@@ -62,6 +63,7 @@ int HW_RTC_IS_Err() { return RTC_IS_Err.load(); }
 using namespace fsu::sdk;
 using fsu::platform::DevicePath;
 using fsu::support::SDK_LOG_SYS;
+using fsu::support::LogText;
 using fsu::support::SDK_LOG_WRITE;
 
 extern "C" int InitializeSDK(void) {
@@ -74,6 +76,7 @@ extern "C" int InitializeSDK(void) {
   fsu::serial::M_COM_INIT();
   fsu::serial::BSP_BAU_INIT();
   fsu::serial::FSU_COM_READ_THREAD_START();
+  fsu::lte::FSU_Lte_THREAD_START();
   fsu::board::bsp_SoftDog_Init();
   // Give the board links time to answer before the counts are taken from their flags.
   fsu::platform::sleep_s(2);
@@ -99,17 +102,17 @@ extern "C" int ReadSDKVersion(char* buf, int size) {
 }
 
 extern "C" int UpdateSDK(const char* path) {
-  SDK_LOG_WRITE(SDK_LOG_SYS, "UpdateSDK(%s)", path ? path : "(null)");
+  SDK_LOG_WRITE(SDK_LOG_SYS, "UpdateSDK(%s)", LogText(path).c_str());
   if (path == nullptr || std::strstr(path, ".gz") == nullptr) return -1;
-  // The path goes into a shell command unquoted: refuse anything that could change it.
-  if (!fsu::platform::caller_text_is_safe(path, fsu::platform::Blanks::kRefused)) {
-    SDK_LOG_WRITE(SDK_LOG_SYS, "UpdateSDK refused path with shell characters");
+  // Only one file under the root may be moved: no relative path, option, ".." step or glob.
+  if (!fsu::platform::caller_path_is_safe(path)) {
+    SDK_LOG_WRITE(SDK_LOG_SYS, "UpdateSDK refused a path that is not one absolute file name");
     return -1;
   }
   const DevicePath archive(path);
   const DevicePath target("/tmp/dt_upgrade.gz");
   if (!archive.ok()) return -1;
-  fsu::platform::run_commandf("mv %s %s", archive.c_str(), target.c_str());
+  fsu::platform::run_commandf("mv '%s' %s", archive.c_str(), target.c_str());
   fsu::platform::run_command("kvupgrade -f >/dev/null 2>&1 &");
   return 0;
 }

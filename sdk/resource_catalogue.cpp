@@ -99,6 +99,7 @@ int sdk_read_do_num() { return STR_SYSTEM_RESOURCES_NUM.do_.load(); }
 using namespace fsu::sdk;
 using fsu::support::BoundedText;
 using fsu::support::SDK_LOG_SYS;
+using fsu::support::LogText;
 using fsu::support::SDK_LOG_WRITE;
 
 extern "C" int ReadFSUResource(char* buf, int size) {
@@ -125,7 +126,7 @@ extern "C" int ReadFSUResource(char* buf, int size) {
 }
 
 extern "C" int ReadResourceAlias(const char* name, char* alias, int size) {
-  SDK_LOG_WRITE(SDK_LOG_SYS, "ReadResourceAlias(%s)", name ? name : "(null)");
+  SDK_LOG_WRITE(SDK_LOG_SYS, "ReadResourceAlias(%s)", LogText(name).c_str());
   if (name == nullptr || alias == nullptr || size <= 0) return -1;
   BoundedText text(alias, static_cast<std::size_t>(size));
   text.append("%s", name);

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <pthread.h>
 
+#include "lte/ntu.h"
 #include "platform/clock.h"
 #include "sdk/board_points.h"
 #include "serial/environment_link.h"
@@ -34,8 +35,9 @@ void sdk_led_pass(SdkLedState& state) {
   state.run = !state.run;
   SetLEDValue_FromResourceName(kRunLed, state.run);
   SetLEDValue_FromResourceName(kAlarmLed, 0);
-  // The net LED follows the data link's address; no supervisor publishes one yet.
-  SetLEDValue_FromResourceName(kNetLed, 0);
+  char lteip[lte::kNtuTextSize];
+  lte::ntu_text(lte::NtuText::lteip, lteip);
+  SetLEDValue_FromResourceName(kNetLed, lteip[0] != '\0' ? 1 : 0);
   SetLEDValue_FromResourceName(kBoardLed, serial::REAG_ENV_BOARD_RIGHT_FG() == 1 ? 1 : 0);
 }
 

@@ -39,7 +39,7 @@ COM_ATTR* attr_of(int id) { return id >= 1 && id <= 20 ? &SDK_COM_Attr[id - 1] :
 
 // True when the hex-log switch names the port called `name`.
 bool logging(const char* name) {
-  if (STR_UART_LOG_PAR.port.load() == 0) return false;
+  if (name == nullptr || STR_UART_LOG_PAR.port.load() == 0) return false;
   std::lock_guard<std::mutex> lock(STR_UART_LOG_PAR.lock);
   return std::strcmp(STR_UART_LOG_PAR.name, name) == 0;
 }
@@ -143,13 +143,14 @@ void reset_uart_api_for_tests() {
 
 using namespace fsu::sdk;
 using fsu::support::SDK_LOG_SO;
+using fsu::support::LogText;
 using fsu::support::SDK_LOG_WRITE;
 
 extern "C" int SetUartParam(const char* name, int iBaudRate, int iDataSize, int iStopBit, int iParity) {
   const int result =
       fsu::serial::SetUartParam_FromResourceName(READ_resourceName(name), iBaudRate, iDataSize, iStopBit, iParity);
   SDK_LOG_WRITE(SDK_LOG_SO, "SetUartParam:%s iBaudRate:%d,iDataSize:%d,iStopBit:%d,iParity:%d,result:%d",
-                name ? name : "(null)", iBaudRate, iDataSize, iStopBit, iParity, result);
+                LogText(name).c_str(), iBaudRate, iDataSize, iStopBit, iParity, result);
   return result;
 }
 
@@ -157,7 +158,7 @@ extern "C" int GetUartParam(const char* name, int* iBaudRate, int* iDataSize, in
   const int result =
       fsu::serial::GetUartParam_FromResourceName(READ_resourceName(name), iBaudRate, iDataSize, iStopBit, iParity);
   SDK_LOG_WRITE(SDK_LOG_SO, "GetUartParam:%s iBaudRate:%d,iDataSize:%d,iStopBit:%d,iParity:%d,result:%d",
-                name ? name : "(null)", iBaudRate ? *iBaudRate : 0, iDataSize ? *iDataSize : 0,
+                LogText(name).c_str(), iBaudRate ? *iBaudRate : 0, iDataSize ? *iDataSize : 0,
                 iStopBit ? *iStopBit : 0, iParity ? *iParity : 0, result);
   return result;
 }
@@ -176,7 +177,7 @@ extern "C" int WriteUart(const char* name, const char* buf, int len) {
   // A link frame carries at most kMaxLinkData bytes to an extension channel.
   if (id >= 5 && id <= 12 && len > fsu::serial::kMaxLinkData) return -1;
   const int result = fsu::serial::WriteUart_FromResourceName(id, bytes, len);
-  SDK_LOG_WRITE(SDK_LOG_SO, "WriteUart resourceName:%s TXLENTH:%d,result=%d", name ? name : "(null)", len, result);
+  SDK_LOG_WRITE(SDK_LOG_SO, "WriteUart resourceName:%s TXLENTH:%d,result=%d", LogText(name).c_str(), len, result);
   if (logging(name)) {
     STR_UART_LOG_PAR.counter.fetch_add(1);
     log_traffic(name, bytes, len, 0, false);
@@ -185,19 +186,20 @@ extern "C" int WriteUart(const char* name, const char* buf, int len) {
 }
 
 extern "C" int ReadUart(const char* name, char* buf, int len, int timeout) {
-  int id = READ_resourceName(name);
   auto* bytes = reinterpret_cast<std::uint8_t*>(buf);
-  if (id < 1 || id > 16) return -1;
-  if (bytes == nullptr || len <= 0) return -1;
-  if (ReadUart_FromResourceName_Virtual(id, bytes, len, timeout) == kVirtualAnswerLength) {
+  // A name that is no UART, or nowhere to put bytes, fails as an idle port does: after the
+  // wait, so that a caller polling with it does not spin.
+  const bool usable = bytes != nullptr && len > 0;
+  int id = READ_resourceName(name);
+  if (usable && ReadUart_FromResourceName_Virtual(id, bytes, len, timeout) == kVirtualAnswerLength) {
     if (logging(name)) log_traffic(name, bytes, len < kVirtualAnswerLength ? len : kVirtualAnswerLength, 1, true);
     return len < kVirtualAnswerLength ? len : kVirtualAnswerLength;
   }
-  int n = fsu::serial::ReadUart_FromResourceName(id, bytes, len, timeout);
+  int n = usable ? fsu::serial::ReadUart_FromResourceName(id, bytes, len, timeout) : -1;
   if (n < 1) {
     fsu::platform::sleep_ms(timeout <= 1 ? 1 : timeout - 1);
     id = READ_resourceName(name);
-    n = fsu::serial::ReadUart_FromResourceName(id, bytes, len, timeout);
+    n = usable ? fsu::serial::ReadUart_FromResourceName(id, bytes, len, timeout) : -1;
   }
   if (logging(name)) log_traffic(name, bytes, n, 1, false);
   return n;

@@ -9,6 +9,7 @@
 #include "serial/extension_link.h"
 #include "serial/frame_codec.h"
 #include "serial/receive_buffers.h"
+#include "serial/uart_driver.h"
 #include "support/file_helpers.h"
 #include "support/sdk_log.h"
 
@@ -114,7 +115,7 @@ void env_com_send_pass() {
 
 void* ENV_COM_SEND_THREAD(void* arg) {
   const std::int32_t value = *static_cast<std::int32_t*>(arg);
-  std::printf("STUMP[%03d]: FILE: %s, FUNCTION: %s, LINE: %d.\n", value, "environment_link.cpp", __func__, __LINE__);
+  print_stump(value, __func__, __LINE__);
   ENV_TTYSCOM_SET_BAU(9600, 8, 1, 0);
   std::printf("fun-ENV_COM_SEND_THREAD=%d\r\n", value);
   for (;;) {

@@ -176,7 +176,7 @@ void ext_com_read_pass(ExtReader& reader) {
 
 void* EXT_COM_READ_THREAD(void* arg) {
   const std::int32_t slot = *static_cast<std::int32_t*>(arg);
-  std::printf("STUMP[%03d]: FILE: %s, FUNCTION: %s, LINE: %d.\n", slot, "extension_link.cpp", __func__, __LINE__);
+  print_stump(slot, __func__, __LINE__);
   if (slot != 4 && slot != 5) support::SDK_LOG_WRITE(support::SDK_LOG_ERROR, "COM_index err %d", slot);
   ExtReader reader;
   reader.slot = slot;

@@ -137,23 +137,29 @@ std::size_t build_link_frame(std::uint8_t command, const std::uint8_t* data, std
 std::int32_t read_a_msg(std::uint8_t* buf, std::uint8_t* out, std::size_t out_size, std::int32_t fill,
                         std::int32_t* remaining) {
   if (buf == nullptr || out == nullptr || remaining == nullptr || fill <= 0) return 0;
-  for (std::int32_t i = 0; i + 2 < fill; ++i) {
+  *remaining = fill;
+  for (std::int32_t i = 0; i < fill; ++i) {
     if (buf[i] != kLinkStart) continue;
+    // A start byte whose length has not arrived, or whose frame could still complete within
+    // what the caller takes, holds the scan: the bytes behind it may be its data, and data
+    // must never be read as frames of their own.
+    if (i + 2 >= fill) return 0;
     const std::int32_t len = buf[i + 1] * 256 + buf[i + 2];
     const std::int32_t end = i + len + static_cast<std::int32_t>(kLinkOverhead);
-    if (end > fill || buf[end - 1] != kLinkEnd) continue;
+    const bool fits = static_cast<std::size_t>(end - i) <= out_size;
+    if (end > fill) {
+      if (fits) return 0;
+      continue;  // longer than any frame the caller takes: a false start
+    }
+    if (buf[end - 1] != kLinkEnd) continue;  // no end byte where the length puts it: a false start
     const std::int32_t frame = end - i;
-    const bool fits = static_cast<std::size_t>(frame) <= out_size;
     if (fits) std::memcpy(out, buf + i, static_cast<std::size_t>(frame));
     std::memmove(buf, buf + end, static_cast<std::size_t>(fill - end));
     fill -= end;
-    if (fits) {
-      *remaining = fill;
-      return frame;
-    }
+    *remaining = fill;
+    if (fits) return frame;
     i = -1;  // an oversized frame is dropped; look again from the new front
   }
-  *remaining = fill;
   return 0;
 }
 

@@ -64,8 +64,11 @@ std::size_t build_link_frame(std::uint8_t command, const std::uint8_t* data, std
 // Takes the first complete link frame out of buf[0 .. fill-1]: copies it to `out`, moves the
 // bytes after it to the front of `buf`, stores the new fill in *remaining and returns the
 // frame's length. Returns 0, leaving `buf` and the fill alone, when no complete frame is there.
-// A complete frame longer than out_size is dropped from the buffer (and the fill in *remaining
-// lowered) and the search goes on behind it.
+// Stray bytes before a start byte are dropped with the frame. A start byte whose frame has not
+// fully arrived but would fit out_size holds the scan until its bytes are in, so that data
+// inside a frame is never taken as frames; one announcing a longer frame, or whose end byte is
+// not 0x0D, is a false start and skipped. A complete frame longer than out_size is dropped from
+// the buffer (and the fill in *remaining lowered) and the search goes on behind it.
 std::int32_t read_a_msg(std::uint8_t* buf, std::uint8_t* out, std::size_t out_size, std::int32_t fill,
                         std::int32_t* remaining);
 

@@ -14,17 +14,12 @@
 namespace fsu::serial {
 namespace {
 
-constexpr const char* kModule = "serial_ports.cpp";
 constexpr long kReaderPassMs = 100;
 
 std::atomic<int> m_com_init_done{0};
 std::atomic<int> threads_started{0};
 pthread_t thread_COM[16];
 std::int32_t COM_INDEX_VALUE[16];
-
-void stump(int index, const char* function, int line) {
-  std::printf("STUMP[%03d]: FILE: %s, FUNCTION: %s, LINE: %d.\n", index, kModule, function, line);
-}
 
 std::int32_t read_slot(std::uint32_t slot, std::uint8_t* buf, std::uint32_t size) {
   std::uint32_t n = 0;
@@ -51,7 +46,7 @@ std::uint8_t M_BAU_SET_COM(std::uint32_t slot, int baud, int data_bits, int stop
   p.nStopBits = stop_bits == 1 ? 0 : stop_bits == 2 ? 2 : 1;
   p.nParity = parity == 0 ? 0 : parity == 1 ? 1 : 2;
   const std::uint32_t rc = BSP_ComSetParams(slot, &p);
-  if (rc != 0) std::printf("ERROR: FILE:%s, FUNCTION:%s, LINE:%d, ErrNo:0x%08x.\n", kModule, __func__, __LINE__, rc);
+  if (rc != 0) print_error(__func__, __LINE__, rc);
   return static_cast<std::uint8_t>(rc & 0xFF);
 }
 
@@ -101,7 +96,7 @@ void env_com_read_pass() {
 void* M_COM_READ_THREAD(void* arg) {
   const int k = *static_cast<std::int32_t*>(arg);
   if (k > 3) return nullptr;
-  stump(k, __func__, __LINE__);
+  print_stump(k, __func__, __LINE__);
   {
     std::lock_guard<std::mutex> lock(M_COM_READ_LOCK[k]);
     LIST_MCOM_RECV_INFO[k].nLen.store(0);
@@ -113,7 +108,7 @@ void* M_COM_READ_THREAD(void* arg) {
 }
 
 void* ENV_COM_READ_THREAD(void* arg) {
-  stump(*static_cast<std::int32_t*>(arg), __func__, __LINE__);
+  print_stump(*static_cast<std::int32_t*>(arg), __func__, __LINE__);
   M_BAU_SET_COM(6, 9600, 8, 1, 0);
   clear_env_info();
   for (;;) {

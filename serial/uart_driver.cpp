@@ -4,23 +4,23 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
+#include "platform/clock.h"
 #include "platform/sandbox_root.h"
 #include "support/sdk_log.h"
 
 namespace fsu::serial {
 namespace {
 
-constexpr const char* kModule = "uart_driver.cpp";
-
 std::uint32_t fail(const char* function, int line, std::uint32_t code) {
-  std::printf("ERROR: FILE:%s, FUNCTION:%s, LINE:%d, ErrNo:0x%08x.\n", kModule, function, line, code);
+  print_error(function, line, code);
   return code;
 }
 
 void assert_null(const char* function, int line) {
-  std::printf("ASSERT: FILE: %s, FUNCTION:%s, LINE: %d, x=NULL!\n", kModule, function, line);
+  std::printf("ASSERT: FILE: %s, FUNCTION:%s, LINE: %d, x=NULL!\n", kDriverModule, function, line);
 }
 
 struct BaudRow {
@@ -31,20 +31,67 @@ constexpr BaudRow kBaudTable[] = {{300, B300},     {600, B600},     {1200, B1200
                                   {2400, B2400},   {4800, B4800},   {9600, B9600},   {19200, B19200},
                                   {38400, B38400}, {57600, B57600}, {115200, B115200}};
 
-// Writes all of buf to fd; false on the first failing write.
-bool write_all(int fd, const std::uint8_t* p, std::uint32_t len, std::uint32_t* total) {
-  while (*total < len) {
-    const ssize_t n = write(fd, p + *total, len - *total);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
+// How ports are opened. Non-blocking, so that a write waits for room only as long as
+// write_bound_seconds allows (reads return at once anyway: VMIN = VTIME = 0); no controlling
+// terminal, so that a session leader without one (a service) is not hung up with the line;
+// close-on-exec, so that no shell command the SDK runs inherits a port.
+constexpr int kPortOpenFlags = O_RDWR | O_DSYNC | O_NOCTTY | O_NONBLOCK | O_CLOEXEC;
+
+// A UART driver's transmit buffer (one page) may hold this many bytes ahead of a write.
+constexpr double kQueuedBytes = 4096;
+// The longest frame on the line: start, 8 data, parity and 2 stop bits.
+constexpr double kBitsPerByte = 12;
+
+// How long a write of len bytes may wait for the port: the time the line needs for what the
+// driver may already hold and for these bytes at the port's rate, plus a second. A line that
+// takes nothing for that long has a far end that does not read.
+double write_bound_seconds(int fd, std::uint32_t len) {
+  std::uint32_t rate = kBaudTable[0].rate;  // an unknown speed counts as the slowest
+  termios t{};
+  if (tcgetattr(fd, &t) == 0) {
+    for (const BaudRow& r : kBaudTable) {
+      if (r.speed == cfgetospeed(&t)) rate = r.rate;
     }
+  }
+  return 1.0 + (kQueuedBytes + len) * kBitsPerByte / rate;
+}
+
+// One write call, after waiting until `deadline` for the port to take bytes; -1 with errno
+// ETIMEDOUT when it took none in time.
+ssize_t write_when_ready(int fd, const std::uint8_t* p, std::size_t n, double deadline) {
+  for (;;) {
+    const ssize_t w = write(fd, p, n);
+    if (w > 0 || (w < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) return w;
+    const double left = deadline - platform::monotonic_seconds();
+    if (left <= 0) {
+      errno = ETIMEDOUT;
+      return -1;
+    }
+    pollfd ready{fd, POLLOUT, 0};
+    poll(&ready, 1, static_cast<int>(left * 1000) + 1);
+  }
+}
+
+// Writes all of buf to fd within the port's bound; false on a failing or timed-out write.
+bool write_all(int fd, const std::uint8_t* p, std::uint32_t len, std::uint32_t* total) {
+  const double deadline = platform::monotonic_seconds() + write_bound_seconds(fd, len);
+  while (*total < len) {
+    const ssize_t n = write_when_ready(fd, p + *total, len - *total, deadline);
+    if (n < 0) return false;
     *total += static_cast<std::uint32_t>(n);
   }
   return true;
 }
 
 }  // namespace
+
+void print_stump(int index, const char* function, int line) {
+  std::printf("STUMP[%03d]: FILE: %s, FUNCTION: %s, LINE: %d.\n", index, kThreadModule, function, line);
+}
+
+void print_error(const char* function, int line, std::uint32_t code) {
+  std::printf("ERROR: FILE:%s, FUNCTION:%s, LINE:%d, ErrNo:0x%08x.\n", kDriverModule, function, line, code);
+}
 
 const std::int32_t g_nComSlots = kComSlots;
 
@@ -60,8 +107,7 @@ std::uint32_t BSP_ComCreate(std::uint32_t slot) {
   if (slot >= static_cast<std::uint32_t>(g_nComSlots)) return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
   BSP_COM_OBJ& obj = g_stComObj[slot];
   obj.nFd.store(-1);
-  // O_CLOEXEC keeps the port out of the shell commands the SDK runs.
-  const int fd = open(platform::DevicePath(obj.szPath).c_str(), O_RDWR | O_DSYNC | O_CLOEXEC);
+  const int fd = open(platform::DevicePath(obj.szPath).c_str(), kPortOpenFlags);
   if (fd < 0) {
     std::printf("BSP_ComCreate(%d, %s) Failed !\n", static_cast<int>(slot), obj.szPath);
     return fail(__func__, __LINE__, BSP_COM_ERR_DEVICE);
@@ -143,6 +189,8 @@ std::uint32_t build_termios(const BSP_COM_PARAMS& params, termios* t) {
       return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
   }
 
+  // Receiver on, modem lines ignored: the ports have no carrier to wait for or lose.
+  t->c_cflag |= CLOCAL | CREAD;
   t->c_cc[VTIME] = 0;
   t->c_cc[VMIN] = 0;
   return 0;
@@ -203,6 +251,7 @@ std::uint32_t BSP_ComRead(std::uint32_t slot, void* buf, std::uint32_t len, std:
   const int fd = g_stComObj[slot].nFd.load();
   if (fd < 0) return fail(__func__, __LINE__, BSP_COM_ERR_DEVICE);
   const ssize_t n = read(fd, buf, len);
+  if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return 0;  // nothing has arrived
   if (n < 0) return fail(__func__, __LINE__, BSP_COM_ERR_IO);
   *nread = static_cast<std::uint32_t>(n);
   return 0;
@@ -225,17 +274,15 @@ std::uint32_t GPS_COM_WRITE(const void* buf, std::uint32_t len, std::uint32_t* w
   const int fd = g_stComObj[6].nFd.load();
   if (fd < 0) return fail(__func__, __LINE__, BSP_COM_ERR_DEVICE);
   const auto* p = static_cast<const std::uint8_t*>(buf);
+  const double deadline = platform::monotonic_seconds() + write_bound_seconds(fd, len);
   std::uint32_t total = 0;
   while (total < len) {
-    const ssize_t n = write(fd, p + total, len - total);
+    const ssize_t n = write_when_ready(fd, p + total, len - total, deadline);
     // The buffer is logged as text: the receiver's commands are NMEA-style lines.
     support::SDK_LOG_WRITE(support::SDK_LOG_SYS, "%d=GPS_COM_WRITE(%d,%.*s,%d)\r\n", static_cast<int>(n), fd,
                            static_cast<int>(len - total), reinterpret_cast<const char*>(p + total),
                            static_cast<int>(len - total));
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return fail(__func__, __LINE__, BSP_COM_ERR_IO);
-    }
+    if (n < 0) return fail(__func__, __LINE__, BSP_COM_ERR_IO);
     total += static_cast<std::uint32_t>(n);
   }
   *written = total;

@@ -50,11 +50,23 @@ std::uint32_t BSP_ComCreate(std::uint32_t slot);
 std::uint32_t BSP_ComDestroy(std::uint32_t slot);
 std::uint32_t BSP_ComGetCapbility(std::uint32_t slot, BSP_COM_CAPS* caps);
 std::uint32_t BSP_ComSetParams(std::uint32_t slot, const BSP_COM_PARAMS* params);
+// Writes all len bytes under the slot's write lock. A port that does not take them within the
+// time its line needs for them (and for a full transmit buffer ahead of them) plus a second
+// gives BSP_COM_ERR_IO: a far end that never reads cannot hold the lock for ever.
 std::uint32_t BSP_ComWrite(std::uint32_t slot, const void* buf, std::uint32_t len, std::uint32_t* written);
 std::uint32_t BSP_ComRead(std::uint32_t slot, void* buf, std::uint32_t len, std::uint32_t* nread);
 std::uint32_t BSP_ComFlush(std::uint32_t slot);
 // Writes to the positioning receiver's slot 6 without the write lock, logging each write.
 std::uint32_t GPS_COM_WRITE(const void* buf, std::uint32_t len, std::uint32_t* written);
+
+// The driver's ERROR and ASSERT lines name its module, bsp_m_com; the serial threads' start
+// lines name theirs, com_process.
+constexpr const char* kDriverModule = "bsp_m_com";
+constexpr const char* kThreadModule = "com_process";
+// The line a serial thread prints when it starts: "STUMP[%03d]: FILE: %s, FUNCTION: %s, LINE: %d.".
+void print_stump(int index, const char* function, int line);
+// The driver's error line for `code`, as the failing function at `line` prints it.
+void print_error(const char* function, int line, std::uint32_t code);
 
 // The termios record for a set of line parameters, built on top of `t` (raw mode, speed,
 // parity, data bits, stop bits, VMIN = VTIME = 0). Prints the refusal message and returns

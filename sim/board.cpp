@@ -28,6 +28,7 @@ constexpr const char* kPortUse[] = {"Local/Uart/1",      "Local/Uart/2",      "L
 constexpr int kLoopbackPorts = 4;
 constexpr int kExtensionPorts[] = {5, 6};
 constexpr int kMainPorts = 7;
+constexpr int kModemPowerLine = 12;
 
 // Where "Local/Uart/5" to "Local/Uart/12" are served: board 2's channels 1 and 2 are crossed.
 struct ChannelOf {
@@ -119,9 +120,13 @@ Board::Board(std::string root, BoardOptions options)
   command("env", "env silent|on", &Board::set_environment);
   command("ai", "ai N [voltage] VOLTS | ai N current MILLIAMPS (N 1 to 16)", &Board::set_analogue);
   command("di", "di N open|closed (N 1 to 16)", &Board::set_contact);
+  command("modem", "modem SETTING [VALUE] (see docs/fsusim.md)", &Board::set_modem);
   state_.add_section([this](std::string& out) { describe_board(out); });
   state_.add_section([this](std::string& out) { describe_serial(out); });
   state_.add_section([this](std::string& out) { describe_extensions(out); });
+  state_.add_section([this](std::string& out) {
+    if (modem_) modem_->describe(out);
+  });
   state_.add_section([this](std::string& out) { describe_gpio(out); });
   state_.add_section([this](std::string& out) { describe_control(out); });
 }
@@ -143,7 +148,8 @@ bool Board::start(std::string* error) {
   }
   for (const int line : kBoardGpioLines) {
     const std::string value = root_ + "/sys/class/gpio/gpio" + std::to_string(line) + "/value";
-    if (!write_file(value, "0\n")) return fail("cannot reset " + value + ": " + std::strerror(errno));
+    // The start scripts power the modem up; every other line starts low.
+    if (!write_file(value, line == kModemPowerLine ? "1\n" : "0\n")) return fail("cannot reset " + value + ": " + std::strerror(errno));
   }
   if (!control_.reset(&why)) return fail(why);
   applied_ = failed_ = 0;
@@ -165,6 +171,7 @@ bool Board::start(std::string* error) {
     }
     uarts_.push_back(std::move(uart));
   }
+  modem_ = std::make_unique<Modem>(root_, [this](const std::string& message) { say(message); });
   for (const std::string& command : options_.commands) {
     why = commands_.run(command);
     if (!why.empty()) return fail(why);
@@ -193,6 +200,7 @@ void Board::stop() {
 
 void Board::close_ports() {
   extensions_[0] = extensions_[1] = nullptr;
+  modem_.reset();
   for (const auto& uart : uarts_) uart->close();
   uarts_.clear();
   for (int& fd : wake_) {
@@ -221,6 +229,8 @@ void Board::serve() {
       wake_at = std::min(wake_at, due[i]);
     }
     first_fd[uarts_.size()] = fds.size();
+    modem_->add_poll_fds(fds);
+    wake_at = std::min(wake_at, modem_->due());
     const int timeout = wake_at <= now ? 0 : static_cast<int>(std::ceil((wake_at - now) * 1000));
     poll(fds.data(), fds.size(), timeout);
     if (fds[0].revents != 0) return;
@@ -231,6 +241,8 @@ void Board::serve() {
       for (std::size_t f = first_fd[i]; f < first_fd[i + 1]; ++f) input = input || fds[f].revents != 0;
       if (input || now >= due[i]) uarts_[i]->pump(now);
     }
+    modem_->service(now);
+    if (now >= next_control || now >= modem_->due()) modem_->tick(now);
     if (now >= next_control) {
       next_control = now + kControlPeriod;
       take_control(now);
@@ -348,6 +360,10 @@ std::string Board::set_contact(std::span<const std::string_view> args) {
   if (args[1] != "open" && args[1] != "closed") return "no state " + quoted_line(args[1]);
   environment_->set_contact(input, args[1] == "closed");
   return "";
+}
+
+std::string Board::set_modem(std::span<const std::string_view> args) {
+  return modem_->command(args, platform::monotonic_seconds());
 }
 
 void Board::say(const std::string& message) const {

@@ -18,6 +18,7 @@
 #include "sim/control.h"
 #include "sim/environment_board.h"
 #include "sim/extension_board.h"
+#include "sim/modem.h"
 #include "sim/state_file.h"
 #include "sim/uart.h"
 
@@ -59,6 +60,7 @@ class Board {
   std::string set_environment(std::span<const std::string_view> args);
   std::string set_analogue(std::span<const std::string_view> args);
   std::string set_contact(std::span<const std::string_view> args);
+  std::string set_modem(std::span<const std::string_view> args);
   void say(const std::string& message) const;
   void describe_board(std::string& out) const;
   void describe_serial(std::string& out) const;
@@ -73,6 +75,7 @@ class Board {
   std::unique_ptr<EnvironmentBoard> environment_;  // outlives the ports, whose boards use it
   std::vector<std::unique_ptr<Uart>> uarts_;
   ExtensionBoard* extensions_[2] = {nullptr, nullptr};  // the far ends of ports 5 and 6
+  std::unique_ptr<Modem> modem_;
   CommandTable commands_;
   ControlFile control_;
   StateFile state_;

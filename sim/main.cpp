@@ -45,7 +45,8 @@ constexpr char kUsage[] =
     "  --terminal N   a terminal for a person at the far end of port N (its path is printed)\n"
     "  --silent N     nothing at the far end of port N\n"
     "  --loopback N   a loopback plug at the far end of port N (every port has one anyway)\n"
-    "  --without-boards  the extension boards never answer: a unit of 4 ports and no points\n";
+    "  --without-boards  the extension boards never answer: a unit of 4 ports and no points\n"
+    "  --ctl LINE     a control line applied as the board comes up (\"modem row 11\")\n";
 
 int usage(int code) {
   std::fputs(kUsage, stderr);
@@ -89,6 +90,10 @@ bool board_option(int argc, char** argv, int* i, const char** root, std::vector<
   };
   if (const char* dir = value("--root")) {
     *root = dir;
+    return true;
+  }
+  if (const char* line = value("--ctl")) {  // any control line, such as "modem row 11"
+    commands->push_back(line);
     return true;
   }
   if (arg == "--without-boards") {  // a unit whose extension boards never answer: COM=4, no points

@@ -15,6 +15,7 @@ namespace {
 
 constexpr const char* kFolders[] = {
     "tmp", "etc",         "etc/config",      "dev", "sys", "sys/class", "sys/class/gpio", "bin",
+    "sys/bus", "sys/bus/usb-serial", "sys/bus/usb-serial/drivers", "sys/bus/usb-serial/drivers/option1",
     "sim", "product", "product/app", "product/app/bin", "var"};
 
 struct FactoryFile {

@@ -64,8 +64,23 @@ constexpr std::string_view kLsusb = R"([ -f "$root/sim/usb" ] && exec cat "$root
 exit 0
 )";
 
-// The dial script brings the data link up at once.
-constexpr std::string_view kLteSh = R"(printf '10.64.12.34\n' >"$root/sim/ppp0.new" && mv -f "$root/sim/ppp0.new" "$root/sim/ppp0"
+// The dial script asks the simulated modem to dial: the link comes up a few seconds later
+// if the modem is registered by then.
+constexpr std::string_view kLteSh = R"(printf 'modem dial\n' >>"$root/sim/control"
+)";
+
+// Stopping pppd or the dial script takes the data link down.
+constexpr std::string_view kKillall = R"(for arg; do
+  case $arg in pppd|lte.sh) printf 'modem hangup\n' >>"$root/sim/control"; break ;; esac
+done
+exit 0
+)";
+
+// Runs the command detached from the terminal, its output discarded rather than left in a
+// nohup.out outside the sandbox.
+constexpr std::string_view kNohup = R"(trap '' HUP
+[ $# -gt 0 ] || exit 125
+exec "$@" </dev/null >/dev/null 2>&1
 )";
 
 constexpr std::string_view kIfconfig = R"(lo_block() {
@@ -113,7 +128,7 @@ struct Tool {
 
 // Every device tool that the platform layer insists on finding here.
 constexpr Tool kTools[] = {
-    {"killall", kRecordOnly},  {"reboot", kRecordOnly},   {"kvupgrade", kRecordOnly},
+    {"killall", kKillall},     {"nohup", kNohup},         {"reboot", kRecordOnly},   {"kvupgrade", kRecordOnly},
     {"user.sh", kRecordOnly},  {"pppd", kRecordOnly},     {"poweroff", kRecordOnly},
     {"halt", kRecordOnly},     {"shutdown", kRecordOnly}, {"hwclock", kHwclock},
     {"date", kDate},           {"uci", kUci},             {"lsusb", kLsusb},

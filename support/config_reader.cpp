@@ -94,9 +94,9 @@ bool fill_string(const char* command, char* config, char* section, char* option)
   if (config == nullptr || section == nullptr || option == nullptr) return false;
   config[0] = section[0] = option[0] = '\0';
   static constexpr char kGet[] = "uci get ";
-  const char* p = command != nullptr ? std::strstr(command, kGet) : nullptr;
-  if (p == nullptr) return false;
-  p += sizeof kGet - 1;
+  if (command == nullptr || std::strstr(command, kGet) == nullptr) return false;
+  // The names start eight characters into the text, wherever "uci get " was found.
+  const char* p = command + (sizeof kGet - 1);
   const bool ok = take_name(p, '.', config) && *p++ == '.' && take_name(p, '.', section) &&
                   *p++ == '.' && take_name(p, '\0', option);
   if (!ok) config[0] = section[0] = option[0] = '\0';

@@ -20,9 +20,10 @@ void sdkuci_free();
 // Loads the six files into the cache; a file that cannot be read leaves it and the files
 // after it empty.
 void ram_init();
-// Splits "uci get c.s.o" into its names (each buffer kUciNameSize bytes): the text up to the
-// first '.', up to the next '.', and the rest. False (all names empty) when the text holds no
-// "uci get ", a name is empty or longer than kUciNameSize - 1 characters.
+// Splits "uci get c.s.o" into its names (each buffer kUciNameSize bytes): from the ninth
+// character of the text (where the names stand when the text begins with "uci get "), the
+// text up to the first '.', up to the next '.', and the rest. False (all names empty) when the
+// text holds no "uci get " anywhere, a name is empty or longer than kUciNameSize - 1 characters.
 bool fill_string(const char* command, char* config, char* section, char* option);
 // Finds option `option` of section `section` in `text` of `length` bytes (NUL bytes allowed):
 // the first "'section'", then the first " option " behind it with no "config" in between (that

@@ -68,16 +68,39 @@ void set_all_levels(std::int32_t value) {
   }
 }
 
-// Packs the log into the zip and starts a new file once it is above the rotation size.
-// Callers hold g_log_mutex, so no append runs while the file is replaced.
-void rotate_if_large() {
-  if (getfilesize(kLogFile) <= kLogRotateSize) return;  // -1 (missing) included
-  const platform::DevicePath zip(kLogZip);
+// Rotation. Under g_log_mutex a log above the rotation size is only moved aside (one rename),
+// so that the next record starts a new file; the thread whose record did it packs the moved
+// log after releasing the lock, so no other logging thread waits for the zip. A log that
+// cannot be moved (a read-only /tmp) is left alone for a failure period before the next try,
+// instead of costing every record a size check and shell commands.
+constexpr const char* kLogMoved = "/tmp/sdklog.log.1";
+constexpr double kRotationRetrySeconds = 60;
+std::atomic<bool> g_packing{false};  // a moved log is being packed
+double g_next_rotation = 0;          // monotonic seconds; under g_log_mutex
+
+// Under g_log_mutex: true when the log was moved aside and the caller must pack it.
+bool move_large_log_aside() {
+  if (g_packing.load() || platform::monotonic_seconds() < g_next_rotation) return false;
+  if (getfilesize(kLogFile) <= kLogRotateSize) return false;  // -1 (missing) included
   const platform::DevicePath log(kLogFile);
-  if (!zip.ok() || !log.ok()) return;
+  const platform::DevicePath moved(kLogMoved);
+  if (log.ok() && moved.ok() && std::rename(log.c_str(), moved.c_str()) == 0) {
+    g_packing.store(true);
+    return true;
+  }
+  g_next_rotation = platform::monotonic_seconds() + kRotationRetrySeconds;
+  return false;
+}
+
+// Outside the lock: the older generation goes, the moved log is packed in its place and
+// removed (also when there is no zip tool).
+void pack_moved_log() {
+  const platform::DevicePath zip(kLogZip);
+  const platform::DevicePath moved(kLogMoved);
   platform::run_commandf("rm %s", zip.c_str());
-  platform::run_commandf("zip %s %s", zip.c_str(), log.c_str());
-  platform::run_commandf("rm %s", log.c_str());
+  platform::run_commandf("zip %s %s", zip.c_str(), moved.c_str());
+  platform::run_commandf("rm %s", moved.c_str());
+  g_packing.store(false);
 }
 
 }  // namespace
@@ -111,45 +134,78 @@ int SDK_UPDATE_LOG_HEADER(int level, char* buf) {
 }
 
 int SDK_LOG_WRITE(int level, const char* format, ...) {
-  std::lock_guard<std::mutex> lock(g_log_mutex);
-  const int setting = SDK_UPDATE_LOG_HEADER(level, g_record);
-  if (setting == LOG_OUT_NONE) return 0;
-  rotate_if_large();
+  bool moved = false;
+  int output = 0;
+  {
+    std::lock_guard<std::mutex> lock(g_log_mutex);
+    const int setting = SDK_UPDATE_LOG_HEADER(level, g_record);
+    if (setting == LOG_OUT_NONE) return 0;
+    moved = move_large_log_aside();
 
-  // The record, header included, stays within kLogRecordBuffer - 2 characters; a longer
-  // message is cut.
-  const std::size_t head = std::strlen(g_record);
-  char* message = g_record + head;
-  *message = '\0';
-  if (format != nullptr) {
-    va_list args;
-    va_start(args, format);
-    const int n = std::vsnprintf(message, kLogRecordBuffer - 1 - head, format, args);
-    va_end(args);
-    if (n < 0) *message = '\0';
+    // The record, header included, stays within kLogRecordBuffer - 2 characters; a longer
+    // message is cut.
+    const std::size_t head = std::strlen(g_record);
+    char* message = g_record + head;
+    *message = '\0';
+    if (format != nullptr) {
+      va_list args;
+      va_start(args, format);
+      const int n = std::vsnprintf(message, kLogRecordBuffer - 1 - head, format, args);
+      va_end(args);
+      if (n < 0) *message = '\0';
+    }
+
+    output = 1;
+    switch (setting) {
+      case LOG_OUT_CONSOLE:
+        std::printf("%s", g_record);
+        break;
+      case LOG_OUT_FILE:
+        SDK_LOG_SAVE_FILE(kLogFile, g_record);
+        break;
+      case LOG_OUT_BOTH:
+        std::printf("%s", g_record);
+        SDK_LOG_SAVE_FILE(kLogFile, g_record);
+        break;
+      default:
+        output = 0;
+    }
   }
+  if (moved) pack_moved_log();
+  return output;
+}
 
-  switch (setting) {
-    case LOG_OUT_CONSOLE:
-      std::printf("%s", g_record);
-      return 1;
-    case LOG_OUT_FILE:
-      SDK_LOG_SAVE_FILE(kLogFile, g_record);
-      return 1;
-    case LOG_OUT_BOTH:
-      std::printf("%s", g_record);
-      SDK_LOG_SAVE_FILE(kLogFile, g_record);
-      return 1;
-    default:
-      return 0;
+LogText::LogText(const char* text) {
+  BoundedText out(text_, sizeof text_);
+  if (text == nullptr) {
+    out.append("(null)");
+    return;
+  }
+  for (const unsigned char* p = reinterpret_cast<const unsigned char*>(text); *p != 0 && out.fits(); ++p) {
+    switch (*p) {
+      case '\r': out.append("\\r"); break;
+      case '\n': out.append("\\n"); break;
+      case '\t': out.append("\\t"); break;
+      case '\\': out.append("\\\\"); break;
+      default:
+        if (*p < 0x20 || *p == 0x7F) {
+          out.append("\\x%02X", *p);
+        } else {
+          out.append("%c", *p);
+        }
+    }
   }
 }
 
 int SDK_LOG_SAVE_FILE(const char* path, const char* text) { return WriteDATA_To_File(path, text); }
 
 void LOG_FILE_CHECK() {
-  std::lock_guard<std::mutex> lock(g_log_mutex);
-  rotate_if_large();
+  bool moved = false;
+  {
+    std::lock_guard<std::mutex> lock(g_log_mutex);
+    moved = move_large_log_aside();
+  }
+  if (moved) pack_moved_log();
 }
 
 int getfilesize(const char* path) {
@@ -163,6 +219,7 @@ void reset_log_for_tests() {
   std::lock_guard<std::mutex> lock(g_log_mutex);
   LOG_CNNT.store(0, std::memory_order_relaxed);
   set_all_levels(LOG_OUT_NONE);
+  g_next_rotation = 0;
 }
 
 }  // namespace fsu::support

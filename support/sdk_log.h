@@ -68,10 +68,25 @@ int format_log_header(char* buf, std::size_t size, int level, const std::tm& t, 
 
 // Appends `text` to the file at device path `path` in one write; 1, -1 (open), -2 (seek).
 int SDK_LOG_SAVE_FILE(const char* path, const char* text);
-// Rotates the log file when it is above kLogRotateSize.
+// Rotates the log file when it is above kLogRotateSize: moves it aside under the log's lock,
+// then packs it into kLogZip outside the lock. After a log that could not be moved, the next
+// try waits a minute.
 void LOG_FILE_CHECK();
 // Size of the file at device path `path`, or -1.
 int getfilesize(const char* path);
+
+// Caller text (a resource name, a path) as it may stand inside a record: a line break in it
+// would start a forged record, so control characters are written as \r, \n, \t or \xHH and
+// a backslash as two; a null text reads "(null)". Cut to kLogTextSize - 1 characters.
+constexpr std::size_t kLogTextSize = 512;
+class LogText {
+ public:
+  explicit LogText(const char* text);
+  const char* c_str() const { return text_; }
+
+ private:
+  char text_[kLogTextSize];
+};
 
 // For tests: the record counter, and a way back to the state of a fresh process.
 std::int32_t log_record_count();

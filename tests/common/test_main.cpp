@@ -4,12 +4,14 @@
 
 #include <cstdlib>
 #include <string>
+#include <sys/stat.h>
 
 #include "platform/sandbox_root.h"
 
 int main(int argc, char** argv) {
   const char* tmp = std::getenv("TMPDIR");
   static std::string guard = std::string(tmp && *tmp ? tmp : "/tmp") + "/fsutest-no-root-set";
+  mkdir(guard.c_str(), 0700);  // a folder without bin/: no command can run
   setenv("FSU_ROOT", guard.c_str(), 1);
   fsu::platform::set_root(nullptr);
   ::testing::InitGoogleTest(&argc, argv);

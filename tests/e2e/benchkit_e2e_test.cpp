@@ -1,6 +1,8 @@
 // benchkit on the simulated board, driven like a person at the console.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include "tests/common/console_driver.h"
@@ -101,6 +103,37 @@ TEST(BenchkitOnSimulator, WebModeOnlyForTheSingleArgumentWeb) {
     ConsoleDriver menu(benchkit_on(box, args), ConsoleDriver::Mode::kPipes);
     EXPECT_TRUE(menu.wait_for("输入测试项: ", 30)) << menu.output();
   }
+}
+
+TEST(BenchkitOffTheBoard, RefusesWithOneLineAndTouchesNothing) {
+  TestSandbox box;  // a folder for the spies only: benchkit is not pointed at it
+  // Every tool benchkit could run stands first on the PATH and notes that it ran.
+  const std::string spies = box.path("/spies");
+  std::filesystem::create_directory(spies);
+  for (const char* tool : {"killall", "hwclock", "date", "reboot", "rm", "mv", "zip", "uci"}) {
+    box.write(std::string("/spies/") + tool, "#!/bin/sh\necho \"$0 $*\" >>" + spies + "/ran\n");
+    std::filesystem::permissions(spies + "/" + tool, std::filesystem::perms::owner_all);
+  }
+  const auto version_file = [] {
+    std::error_code missing;
+    return std::filesystem::last_write_time("/tmp/sdkversion", missing);
+  };
+  const auto version_before = version_file();
+  const std::string path = "PATH=" + spies + ":" + std::getenv("PATH");
+  const std::pair<std::string, const char*> cases[] = {
+      {"-u FSU_ROOT", "fsu: no board here (/dev/ttymxc1 is missing) and FSU_ROOT is not set"},
+      {"FSU_ROOT=" + box.root() + "/missing", "fsu: FSU_ROOT names no folder"},
+      {"FSU_ROOT=" + box.root() + "/a b", "fsu: FSU_ROOT is unusable"}};
+  for (const auto& [setting, says] : cases) {
+    std::vector<std::string> argv = {"env", setting, path, benchkit_path()};
+    if (setting == "-u FSU_ROOT") argv = {"env", "-u", "FSU_ROOT", path, benchkit_path()};
+    ConsoleDriver console(argv, ConsoleDriver::Mode::kTerminal);  // standard error too
+    EXPECT_EQ(console.wait_exit(10), 1) << says;
+    EXPECT_TRUE(console.output().starts_with(says) && console.output().find('\n') == console.output().size() - 1)
+        << console.output();
+  }
+  EXPECT_FALSE(box.exists("/spies/ran")) << box.read("/spies/ran");
+  EXPECT_EQ(version_file(), version_before);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "fsusdk.h"
@@ -48,13 +49,19 @@ TEST(Lifecycle, UpdateTakesOnlyArchivesWithPlainPaths) {
 
   box.write("/tmp/a.zip", "zip");
   box.write("/tmp/b.gz", "b");
-  EXPECT_EQ(UpdateSDK("/tmp/a.zip"), -1);
-  EXPECT_EQ(UpdateSDK("/tmp/b.gz;reboot"), -1);
-  EXPECT_EQ(UpdateSDK("/tmp/b.gz' '/x"), -1);
+  for (const char* refused : {"/tmp/a.zip", "/tmp/b.gz;reboot", "/tmp/b.gz' '/x", "/../../../x.gz", "/tmp/../b.gz",
+                              "tmp/b.gz", "-t.gz", "/tmp/*.gz", "/tmp/?.gz", "/tmp/[b].gz"}) {
+    EXPECT_EQ(UpdateSDK(refused), -1) << refused;
+  }
   EXPECT_EQ(UpdateSDK(nullptr), -1);
   EXPECT_TRUE(box.exists("/tmp/a.zip"));
   EXPECT_TRUE(box.exists("/tmp/b.gz"));
+  EXPECT_EQ(box.read("/tmp/dt_upgrade.gz"), "archive");
   EXPECT_EQ(box.calls().find("reboot"), std::string::npos);
+  std::filesystem::create_directory(box.path("/tmp/new dir"));
+  box.write("/tmp/new dir/c.gz", "c");  // quoted in the command
+  EXPECT_EQ(UpdateSDK("/tmp/new dir/c.gz"), 0);
+  EXPECT_EQ(box.read("/tmp/dt_upgrade.gz"), "c");
 }
 
 TEST(Lifecycle, VersionAndHardwareInformationAreBounded) {

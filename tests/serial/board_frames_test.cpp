@@ -113,6 +113,18 @@ TEST(LinkFrameCutter, SkipsStrayBytesAndFalseStartsWaitsForSplitFramesDropsOvers
   c << Bytes{0x0D};
   EXPECT_EQ(c.next(), b);
   EXPECT_EQ(c.fill, 0);
+
+  // A start byte whose frame would fit holds the scan until its bytes are in: then a frame
+  // carried in a half-received frame's data stays data, and a false start only delays.
+  const Bytes outer = link(0x50, b);
+  c << Bytes(outer.begin(), outer.end() - 1);
+  EXPECT_EQ(c.next(), Bytes{});
+  c << Bytes{0x0D} << Bytes{0x7E, 0x00, 0x05} << a;
+  EXPECT_EQ(c.next(), outer);
+  EXPECT_EQ(c.next(), Bytes{});
+  c << b;  // the false start's end falls inside b: not 0x0D
+  EXPECT_EQ(c.next(), a);
+  EXPECT_EQ(c.next(), b);
 }
 
 // A 190-character answer: voltage and current words, then DI bytes 1 and 2, a spare byte,

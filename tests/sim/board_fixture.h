@@ -84,6 +84,13 @@ inline std::string state_line(const test::TestSandbox& box, const std::string& p
   return state.substr(at + 1, state.find('\n', at + 1) - at - 1);
 }
 
+// A counter of the modem's state line ("commands", "restarts", "power_cycles"), or -1.
+inline long modem_count(const test::TestSandbox& box, const std::string& key) {
+  const std::string line = state_line(box, "modem ");
+  const std::size_t at = line.find(" " + key + "=");
+  return at == std::string::npos ? -1 : std::stol(line.substr(at + key.size() + 2));
+}
+
 inline bool state_shows(const test::TestSandbox& box, const std::string& prefix, const std::string& text) {
   return poll_until(2, [&] { return state_line(box, prefix).find(text) != std::string::npos; });
 }

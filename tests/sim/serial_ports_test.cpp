@@ -73,7 +73,7 @@ TEST(Control, AppliesLinesInOrderAndReportsBadOnes) {
   EXPECT_EQ(unit.box.read("/sim/control.done"), "6 " + std::to_string(unit.box.read("/sim/control").size()) + "\n");
 
   const std::vector<std::pair<std::string, std::string>> bad = {
-      {"frob 1", "\"frob 1\": unknown command (commands: uart, port, board, env, ai, di)"},
+      {"frob 1", "\"frob 1\": unknown command (commands: uart, port, board, env, ai, di, modem)"},
       {"uart 13 loopback", "no port 13 (ports are 1 to 12)"},
       {"uart 2 sideways", "no mode sideways; usage: uart N loopback|terminal|silent (N 1 to 12)"},
       {"uart 2", "\"uart 2\": needs a port and a mode"},

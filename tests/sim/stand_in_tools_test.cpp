@@ -53,12 +53,14 @@ TEST(StandIns, RecordTheirCommandLinesAndNeverTouchTheHost) {
                                           "[0-6][0-9] 2[0-9]{3}  0\\.000000 seconds\n")));
 }
 
-TEST(StandIns, ModemIsListedAndTheLinkComesUpWithTheDialScript) {
+TEST(StandIns, ModemIsListedTheDialScriptAndKillallReachItAndIfconfigShowsTheLink) {
   test::TestSandbox box;
   EXPECT_EQ(capture("lsusb"), box.read("/sim/usb"));
   EXPECT_EQ(capture("ifconfig ppp0 2>&1; echo $?"),
             "ifconfig: ppp0: error fetching interface information: Device not found\n1\n");
-  EXPECT_EQ(exit_code("nohup  lte.sh >/dev/null 2>&1"), 0);
+  EXPECT_EQ(exit_code("nohup  lte.sh; killall -9 pppd; killall fieldsvc"), 0);
+  EXPECT_EQ(box.read("/sim/control"), "modem dial\nmodem hangup\n");
+  box.write("/sim/ppp0", "10.64.12.34\n");
   const std::string ppp0 = capture("ifconfig ppp0");
   EXPECT_NE(ppp0.find("inet addr:10.64.12.34  P-t-P:10.64.64.64  Mask:255.255.255.255\n"), std::string::npos);
   EXPECT_GE(ppp0.size(), 200u);  // the SDK takes shorter output for a missing interface

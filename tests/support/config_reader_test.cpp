@@ -81,6 +81,8 @@ TEST_F(ConfigReaderTest, CutNamesAndValuesAndTheConfigBoundary) {
   const std::string option49 = "c." + std::string(47, 'n');
   EXPECT_TRUE(fill_string(("uci get a.b." + option49).c_str(), config, section, option));
   EXPECT_EQ(std::string(option), option49);  // the rest of the text, at most 49 characters
+  EXPECT_TRUE(fill_string("  uci get a.b.c", config, section, option));  // names from the ninth character on
+  EXPECT_EQ(std::string(config) + "|" + section + "|" + option, "t a|b|c");
 
   // NUL bytes before the section; a value longer than the result is cut.
   std::string text = std::string("x\0y", 3) + "config s 'k'\n\toption v '" + std::string(150, 'v');

@@ -2,12 +2,21 @@
 
 #include <gtest/gtest.h>
 
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "fsusdk.h"
+#include "platform/clock.h"
 #include "tests/common/test_sandbox.h"
 
 namespace fsu::support {
@@ -84,12 +93,67 @@ TEST_F(SdkLogTest, RotatesOnlyAboveTwoMebibytesAndCutsLongRecords) {
   const std::string log = sandbox_.read(kLogFile);
   EXPECT_TRUE(log.size() < 100 && log.ends_with(" Line=0000000002]:fresh")) << log.size();
   EXPECT_EQ(sandbox_.read(kLogZip).substr(0, 2), "PK");
+  sandbox_.write(kLogFile, std::string(kLogRotateSize + 1, 'x'));
+  SDK_LOG_WRITE(SDK_LOG_SYS, "again");  // and the next time the log is too large
+  EXPECT_LT(getfilesize(kLogFile), 100);
 
   std::filesystem::remove(sandbox_.path(kLogFile));
   EXPECT_EQ(SDK_LOG_WRITE(SDK_LOG_SYS, "%s", std::string(200000, 'm').c_str()), 1);
   EXPECT_EQ(getfilesize(kLogFile), 102398);
   std::filesystem::remove_all(sandbox_.path("/tmp"));  // an unwritable log still counts as output
   EXPECT_EQ(SDK_LOG_WRITE(SDK_LOG_SYS, "lost"), 1);
+}
+
+TEST_F(SdkLogTest, CallerTextCannotStartARecord) {
+  EXPECT_STREQ(LogText("a\r\nb\\\x01\tc\x7f中").c_str(), "a\\r\\nb\\\\\\x01\\tc\\x7F中");
+  EXPECT_STREQ(LogText(nullptr).c_str(), "(null)");
+  SDK_LOG_PAR_INIT();
+  const char* forged = "/x.gz\r\n[2026-01-01 00:00:00.0 sdk_SYS   Line=0000000099]:forged";
+  char alias[256];
+  UpdateSDK(forged), SetDOValue(forged, 1), WriteUart(forged, "x", 1), ReadResourceAlias(forged, alias, sizeof alias);
+  const std::string log = sandbox_.read(kLogFile);
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), log_record_count()) << log;
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\r'), log_record_count());
+}
+
+TEST_F(SdkLogTest, OnAReadOnlyTmpAFailedRotationIsTriedOncePerPeriodNotAtEveryRecord) {
+  for (const char* tool : {"/bin/rm", "/bin/zip"}) {  // every rotation command is counted
+    sandbox_.write(tool, "#!/bin/sh\necho \"$0\" >>\"$FSU_ROOT/sim/rotations\"\n");
+    std::filesystem::permissions(sandbox_.path(tool), std::filesystem::perms::owner_all);
+  }
+  const std::string uids = "0 " + std::to_string(getuid()) + " 1", gids = "0 " + std::to_string(getgid()) + " 1";
+  const pid_t child = fork();
+  if (child == 0) {  // a mount namespace of its own, where the sandbox's /tmp is read-only
+    const std::string tmp = sandbox_.path("/tmp");
+    if (unshare(CLONE_NEWNS) != 0) {  // unprivileged: in a user namespace of its own too
+      if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) _exit(77);
+      std::ofstream("/proc/self/setgroups") << "deny";
+      std::ofstream("/proc/self/uid_map") << uids;
+      std::ofstream("/proc/self/gid_map") << gids;
+    }
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("none", tmp.c_str(), "tmpfs", 0, nullptr) != 0) {
+      _exit(77);
+    }
+    sandbox_.write(kLogFile, std::string(2200000, 'x'));
+    if (mount(nullptr, tmp.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) != 0) _exit(77);
+    if (freopen("/dev/null", "w", stderr) == nullptr) _exit(77);  // "open" for every record
+    SDK_LOG_PAR_INIT();
+    std::vector<double> took;
+    for (int i = 0; i < 200; ++i) {
+      const double start = platform::monotonic_seconds();
+      SDK_LOG_WRITE(SDK_LOG_SYS, "record %d", i);
+      took.push_back(platform::monotonic_seconds() - start);
+    }
+    std::nth_element(took.begin(), took.begin() + 100, took.end());
+    _exit(took[100] < 0.001 ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no mount namespace here";
+  EXPECT_EQ(status, 0) << "the median record took a millisecond or more";
+  const std::string rotations = sandbox_.read("/sim/rotations");
+  EXPECT_LE(std::count(rotations.begin(), rotations.end(), '\n'), 3) << rotations;
 }
 
 TEST_F(SdkLogTest, ConcurrentRecordsAreWholeAndNumberedInFileOrder) {

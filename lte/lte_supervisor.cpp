@@ -1,0 +1,204 @@
+#include "lte/lte_supervisor.h"
+
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <pthread.h>
+
+#include "lte/at_channel.h"
+#include "lte/modem_discovery.h"
+#include "lte/modem_queries.h"
+#include "lte/ntu.h"
+#include "platform/clock.h"
+#include "platform/command_runner.h"
+#include "platform/sandbox_root.h"
+#include "support/sdk_log.h"
+
+namespace fsu::lte {
+
+using support::SDK_LOG_NET;
+using support::SDK_LOG_WRITE;
+
+std::atomic<int> atecount{0};
+
+namespace {
+
+pthread_t lte_thread;
+int lte_th_index = 0;
+std::atomic<long> dial_settle_ms{5000};
+std::atomic<long> power_off_ms{5000};
+
+bool row_is(int row, std::initializer_list<int> rows) {
+  for (const int r : rows) {
+    if (r == row) return true;
+  }
+  return false;
+}
+
+// A saved identity replaces the field only when the field is short and the saved text is not
+// already what it holds.
+void take_saved(NtuText field, const char* saved) {
+  char current[kNtuTextSize];
+  ntu_text(field, current);
+  if (std::strstr(saved, current) == nullptr && std::strlen(current) < 9 && std::strlen(saved) > 8) {
+    ntu_set_text(field, saved);
+  }
+}
+
+void set_gpio12(int value) {
+  platform::run_commandf("echo %d > %s", value, platform::DevicePath("/sys/class/gpio/gpio12/value").c_str());
+}
+
+void start_dial(const char* atdev) {
+  send_ath(atdev);
+  at_port_close();
+  static constexpr char kRestart[] = "start up killall lte.sh-start lte.sh";
+  SDK_LOG_WRITE(SDK_LOG_NET, "%s", kRestart);
+  for (int i = 0; i < 4; ++i) SDK_LOG_WRITE(SDK_LOG_NET, "@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@");
+  SDK_LOG_WRITE(SDK_LOG_NET, "%s", kRestart);
+  platform::sleep_ms(dial_settle_ms.load());
+  uciread("killall lte.sh", nullptr);
+  platform::run_command("nohup  lte.sh &");
+  NTU.ltestart.store(1);
+}
+
+}  // namespace
+
+void set_lte_waits(const LteWaits& waits) {
+  dial_settle_ms.store(waits.dial_settle_ms);
+  power_off_ms.store(waits.power_off_ms);
+}
+
+void lte_power_cycle() {
+  set_gpio12(0);
+  platform::sleep_ms(power_off_ms.load());
+  set_gpio12(1);
+}
+
+void globalp_text(const char* cimi, const char* imei, const char* csq, char* out, std::size_t size) {
+  std::snprintf(out, size, "cimi=%s\nimei=%s\ncsq=%s\n", cimi, imei, csq);
+}
+
+void data_init() {
+  ntu_clear();
+  std::printf("################NTU.mode_id=%d\n", NTU.mode_id.load());
+  ntu_set_text(NtuText::cimi, ReadPar(kGlobalpFile, "cimi"));
+  ntu_set_text(NtuText::imei, ReadPar(kGlobalpFile, "imei"));
+  ntu_set_text(NtuText::csq, "-70");
+  ntu_set_text(NtuText::nettype, "4");
+}
+
+int readatdata() {
+  char atdev[kNtuTextSize];
+  ntu_text(NtuText::atdev, atdev);
+  SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED sleepcount=%d,Line=%d;NTU.atdev=%s,;NTU.atecount=%d", 1, __LINE__, atdev,
+                atecount.load());
+  const int row = NTU.mode_id.load();
+  if (send_ate(atdev) < 0) {
+    const int failed = atecount.fetch_add(1) + 1;
+    if (failed > 15 && (row == 16 || row == 17)) {
+      SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED atecount=%d,repower,Line=%d;", failed, __LINE__);
+      lte_power_cycle();
+    }
+    return -1;
+  }
+  atecount.store(0);
+  readcsq(atdev);
+  if (row != 18) read_sysinfo(atdev);
+  char field[kNtuTextSize];
+  ntu_text(NtuText::cimi, field);
+  if (std::strlen(field) < 5) {
+    SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED sleepcount=%d,Line=%d;NTU.atdev=%s", 1, __LINE__, atdev);
+    if (row == 17) {
+      read_MINI(atdev);
+    } else {
+      read_MINI1(atdev);
+    }
+  }
+  ntu_text(NtuText::imei, field);
+  if (std::strlen(field) < 5) {
+    SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED sleepcount=%d,Line=%d", __LINE__, static_cast<int>(std::strlen(field)));
+    readIMEI(atdev);
+  }
+  NtuTexts texts = ntu_texts();
+  SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED NTU数据打印=%s,%s,%s,%s,%d!", texts.imei, texts.cimi, texts.nettype, texts.csq,
+                NTU.mode_id.load());
+  char saved_cimi[100];
+  std::snprintf(saved_cimi, sizeof saved_cimi, "%s", ReadPar(kGlobalpFile, "cimi"));
+  take_saved(NtuText::imei, ReadPar(kGlobalpFile, "imei"));
+  take_saved(NtuText::cimi, saved_cimi);
+  texts = ntu_texts();
+  char file[3 * kNtuTextSize + 32];
+  globalp_text(texts.cimi, texts.imei, texts.csq, file, sizeof file);
+  return WritetmpDATA(kGlobalpFile, file);
+}
+
+void lte_pass(int pass) {
+  SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED sleepcount=%d,Line=%d", pass, __LINE__);
+  if (pass % 2 == 0 && readusb() == 1) {
+    char address[kNtuTextSize];
+    read_ethip("ppp0", address);
+    ntu_set_text(NtuText::lteip, address);
+    if (address[0] != '\0') NTU.CardStat.store(1);
+    const bool link_down = std::strlen(address) < 6;
+    read_ethip("ppp1", address);
+    ntu_set_text(NtuText::lteip1, address);
+    char lteip[kNtuTextSize];
+    ntu_text(NtuText::lteip, lteip);
+    SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED sleepcount1=%d,Line=%d;NTU.lteip=%s,NTU.mode_id=%d,NTU.CardStat=%d", pass,
+                  __LINE__, lteip, NTU.mode_id.load(), NTU.CardStat.load());
+    // These modems carry AT commands and data on one port: no queries while the link holds it.
+    if (!row_is(NTU.mode_id.load(), {12, 13, 18}) || link_down) readatdata();
+  }
+  const int row = NTU.mode_id.load();
+  char atdev[kNtuTextSize];
+  SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED NTU.pppdstart=%d", NTU.pppdstart.load());
+  if (NTU.pppdstart.exchange(0) == 1) {
+    readatdata();
+    ntu_text(NtuText::atdev, atdev);
+    const int registered = row == 18 ? readEC800_info(atdev) : read_sysinfo(atdev);
+    if (registered > 0) {
+      start_dial(atdev);
+    } else if (row != 18) {
+      SDK_LOG_WRITE(SDK_LOG_NET, "LTE SYS NO CSQ!");
+    }
+  }
+  SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED NTU.pppdend=%d", NTU.pppdend.load());
+  if (NTU.pppdend.exchange(0) == 1) {
+    ntu_text(NtuText::atdev, atdev);
+    send_ath(atdev);
+    SDK_LOG_WRITE(SDK_LOG_NET, "killall pppd");
+    uciread("killall pppd", nullptr);
+  }
+  if (NTU.softreboot.load() == 1) {
+    SDK_LOG_WRITE(SDK_LOG_NET, "无线模块软重启!!!!!!!!");
+    if (row_is(row, {11, 12, 13, 18})) {
+      lte_power_cycle();
+    } else {
+      ntu_text(NtuText::atdev, atdev);
+      send_DialSoftReboot(atdev);
+    }
+    NTU.softreboot.store(0);
+  }
+  if (NTU.hardreboot.exchange(0) == 1) {
+    lte_power_cycle();
+    NTU.softreboot.store(0);
+  }
+}
+
+void* lte_main(void*) {
+  SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED START!");
+  data_init();
+  for (int pass = 0;; pass = pass == INT_MAX ? 0 : pass + 1) {
+    lte_pass(pass);
+    platform::sleep_s(1);
+  }
+}
+
+int FSU_Lte_THREAD_START() {
+  static std::atomic<int> first{0};
+  if (first.exchange(1) == 1) return 0;
+  return pthread_create(&lte_thread, nullptr, lte_main, &lte_th_index);
+}
+
+}  // namespace fsu::lte

@@ -1,0 +1,87 @@
+// The simulated LTE modem: plugged into the board's USB port as one of the known models, with
+// an AT port (a pseudo-terminal linked at that model's AT device under the root) that answers
+// the AT commands the SDK sends as a real modem does, a SIM, a network registration, and a data
+// link that the dial script's stand-in brings up. Its power follows GPIO 12. Faults on command:
+// pulled from USB, AT port silent, replies cut, an 8 KiB reply without line end, garbage bytes,
+// the link dropped. Everything runs on the board's service thread.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <poll.h>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "sim/byte_queue.h"
+#include "sim/pty_pair.h"
+
+namespace fsu::sim {
+
+class Modem {
+ public:
+  using Report = std::function<void(const std::string& message)>;
+
+  Modem(std::string root, Report report);
+  ~Modem();
+  Modem(const Modem&) = delete;
+  Modem& operator=(const Modem&) = delete;
+
+  // Applies a "modem ..." control line (the words after "modem"); "" or the reason it was not.
+  std::string command(std::span<const std::string_view> args, double now);
+  // Follows GPIO 12 and the timers (boot, dial); call often (the board does every 50 ms).
+  void tick(double now);
+  // Moves bytes: takes commands from the SDK, answers them.
+  void service(double now);
+  void add_poll_fds(std::vector<pollfd>& fds) const;
+  // When tick wants to run next.
+  double due() const;
+  void describe(std::string& out) const;
+
+ private:
+  bool available(double now) const;
+  void refresh(double now);
+  void open_port();
+  void close_port();
+  void write_usb() const;
+  void set_link(bool up);
+  void answer(std::string_view command, double now);
+  void reply(const std::string& text);
+  void restart(double now);
+
+  std::string root_;
+  Report report_;
+  PtyPair pty_;
+  std::string at_link_;  // host path of the AT device while the port is there
+  ByteQueue out_{64 * 1024};
+  std::string line_;  // the command being typed
+  int row_ = 10;
+  bool plugged_ = true;
+  bool powered_ = true;
+  double ready_at_ = 0;     // the end of a boot after power-up: the port is gone until then
+  double quiet_until_ = 0;  // the end of a restart by command: the port is there but silent
+  bool port_up_ = false;
+  bool echo_ = true;
+  bool sim_ = true;
+  bool registered_ = true;
+  int rssi_ = 24;
+  int generation_ = 4;
+  std::string imsi_ = "460001234567890";
+  std::string imei_ = "866123456789012";
+  std::string imei_reply_ = "bare";
+  std::string address_ = "10.64.12.34";
+  bool silent_ = false;
+  std::string next_fault_;  // cut, flood or garbage: applied to the next reply
+  bool link_up_ = false;
+  double dial_at_ = std::numeric_limits<double>::infinity();
+  double boot_delay_ = 4;
+  double dial_delay_ = 3;
+  std::uint64_t commands_ = 0;
+  std::uint64_t restarts_ = 0;
+  std::uint64_t power_cycles_ = 0;
+  std::uint64_t dials_ = 0;
+};
+
+}  // namespace fsu::sim

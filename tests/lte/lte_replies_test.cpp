@@ -1,0 +1,153 @@
+// The modem's replies as the queries parse them, the known-modem table, and the dial texts.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "lte/at_channel.h"
+#include "lte/modem_discovery.h"
+#include "lte/modem_queries.h"
+#include "sdk/dial_api.h"
+
+namespace fsu::lte {
+namespace {
+
+std::string csq_of(const std::string& reply) {
+  std::string text = reply;
+  char csq[kNtuTextSize];
+  csq_text(readCSQState(text.data()), csq);
+  return csq;
+}
+
+TEST(Replies, SignalTableAtBothEndsAndWhereItIsNotMonotonic) {
+  for (const auto& [rssi, dbm] : {std::pair{99, "-107"}, {0, "-107"}, {3, "-107"}, {4, "-99"}, {9, "-94"}, {10, "-77"},
+                                  {15, "-72"}, {16, "-73"}, {21, "-68"}, {22, "-63"}, {27, "-58"}, {31, "-54"}}) {
+    EXPECT_EQ(csq_of("+CSQ: " + std::to_string(rssi) + ",99"), dbm) << rssi;
+  }
+  for (const char* bad : {"+CSQ: 24", "+CSQ: ,99", "+CSQ 24,99", "+CSQ: X,1", ""}) EXPECT_EQ(csq_of(bad), "-107") << bad;
+}
+
+TEST(Replies, SystemInformationRegistrationAndOperator) {
+  ntu_clear();
+  std::string reply = "^SYSINFO:2,3,0,9,1";
+  EXPECT_EQ(ParseRegistrationState_GT9615(reply.data()), 9);
+  EXPECT_STREQ(ntu_texts().nettype, "4");
+  EXPECT_EQ(NTU.simstat.load() * 1000 + NTU.srvstat.load() * 100 + NTU.srvdomain.load() * 10 + NTU.siminfo.load(), 1231);
+  reply = "^SYSINFO:0,0,0,0,255";
+  EXPECT_EQ(ParseRegistrationState_GT9615(reply.data()), -1);
+  EXPECT_STREQ(ntu_texts().nettype, "SIMOVER");
+  reply = "^SYSINFO:2,3,0,X,1";  // a field that is not a number leaves NTU as it was
+  EXPECT_EQ(ParseRegistrationState_GT9615(reply.data()), -1);
+  EXPECT_STREQ(ntu_texts().nettype, "SIMOVER");
+  for (const auto& [mode, gen] : {std::pair{0, "0"}, {3, "2"}, {8, "2"}, {1, "2"}, {4, "3"}, {15, "3"}, {9, "4"}, {17, "4"}}) {
+    EXPECT_STREQ(sysinfo_nettype(mode), gen) << mode;
+  }
+  for (const auto& [act, gen] : {std::pair{0, "2"}, {3, "2"}, {2, "3"}, {5, "3"}, {7, "4"}, {42, "4"}}) {
+    EXPECT_STREQ(cops_nettype(act), gen) << act;
+  }
+  for (const auto& [text, status] : {std::pair{"AT+CREG?+CREG: 0,5OK", 5}, {"+CREG: 0,2OK", 2}, {"+CREG: 2OK", -1}}) {
+    EXPECT_EQ(creg_status(text), status) << text;
+  }
+  EXPECT_EQ(cops_act("+COPS: 0,0,\"CHINA MOBILE\",7OK"), 7);
+  EXPECT_EQ(cops_act("+COPS: 0,0OK"), -1);
+}
+
+TEST(Replies, EveryImeiShapeInItsOrder) {
+  const struct {
+    const char* reply;
+    int result;
+    const char* imei;
+  } cases[] = {
+      {"866123456789012OK", 1, "866123456789012"},                // echo off: the whole reply
+      {"AT+CGSN866123456789012OK", 1, "866123456789012"},         // echo on
+      {"AT+CGSN+CGSN: \"866123456789012\"OK", 1, "866123456789012"},
+      {"+CGSN:\"866123456789012\"OK", 1, "866123456789012"},
+      {"+CGSN: 866123456789012OK", 1, "866123456789012"},
+      {"+CGSN:866123456789012OK", 1, "866123456789012"},
+      {"AT+CGSN0X10OK", 1, "000000000000016"},
+      {"AT+CGSN8661234567890OK", 0, ""},                          // 13 digits
+      {"+CGSN: 8661234567890123456789OK", 0, ""},
+      {"NOTHING HERE", -1, "untouched"},
+  };
+  for (const auto& c : cases) {
+    std::string reply = c.reply;
+    char imei[kNtuTextSize] = "untouched";
+    EXPECT_EQ(parse_imei(reply.data(), imei), c.result) << c.reply;
+    EXPECT_STREQ(imei, c.imei) << c.reply;
+  }
+  EXPECT_EQ(hex2dec("1G"), -1);  // not a digit: every bit from its place up
+  EXPECT_EQ(hex2dec("123456789ABCDEF0123"), static_cast<std::int64_t>(0x6789ABCDEF0123ULL | 0x12345ULL << 56));
+}
+
+TEST(Replies, ImsiTokensAndKeyValues) {
+  char cimi[kNtuTextSize];
+  std::string reply = "AT+CIMI460001234567890OK";
+  EXPECT_EQ(parse_cimi(reply.data(), cimi), 1);
+  EXPECT_STREQ(cimi, "460001234567890");
+  reply = "4600012345OK";
+  EXPECT_EQ(parse_cimi(reply.data(), cimi), -1);
+  EXPECT_STREQ(cimi, "");
+
+  std::string cops = "+COPS: 0,0,\"CHINA MOBILE\",7";
+  char* cursor = cops.data();
+  int value = 0;
+  ASSERT_EQ(at_tok_start(&cursor), 0);
+  EXPECT_EQ(at_tok_nextint(&cursor, &value), 0);
+  EXPECT_EQ(at_tok_nextint(&cursor, &value), 0);
+  EXPECT_STREQ(nextTok(&cursor), "CHINA MOBILE");
+  EXPECT_STREQ(cursor, "7");
+  std::string empty = "+X: 1,,2";
+  cursor = empty.data();
+  at_tok_start(&cursor);
+  EXPECT_EQ(at_tok_nextint(&cursor, &value), 0);
+  EXPECT_EQ(at_tok_nextint(&cursor, &value), -1);
+
+  char out[100];
+  const std::string file = "cimi=460001234567890\nimei=866123456789012\r\ncsq=";
+  ReadPar_text(file.data(), file.size(), "imei", out);
+  EXPECT_STREQ(out, "866123456789012");
+  ReadPar_text(file.data(), file.size(), "csq", out);
+  EXPECT_STREQ(out, "");
+}
+
+TEST(ModemTable, FirstRowInTableOrderAndTheRegistrationsOfEachRow) {
+  EXPECT_EQ(ltemm_row_in("ID 2c7c:0125 x\nID 19d2:1509 y"), 1);
+  EXPECT_EQ(ltemm_row_in("ID 2c7c:0125"), 10);
+  EXPECT_EQ(ltemm_row_in("ID 2c7c:01"), 0);
+  EXPECT_STREQ(ltemm_new_id(16), "0x2949 0x8700");
+  EXPECT_STREQ(ltemm_new_id(17), "0x2949 0x7402");
+  for (int row : {1, 2, 3, 4, 6, 7, 8, 9}) EXPECT_EQ(ltemm_new_id(row), nullptr) << row;
+}
+
+TEST(DialTexts, CarrierTableAndBothTextsByteExact) {
+  for (const auto& [imsi, carrier] : {std::pair{"460011234567890", "CARRIER_UNICOM"}, {"46002123", "CARRIER_MOBILE"},
+                                      {"46011123", "CARRIER_TELECOM"}, {"46020123", "CARRIER_MOBILE"},
+                                      {"31026012", "31026"}, {"", ""}}) {
+    char out[16];
+    sdk::carrier_text(imsi, out);
+    EXPECT_STREQ(out, carrier) << imsi;
+  }
+  NtuTexts t{};
+  std::snprintf(t.model, sizeof t.model, "EC20");
+  std::snprintf(t.imei, sizeof t.imei, "866123456789012");
+  std::snprintf(t.cimi, sizeof t.cimi, "460031234\"5\\");
+  std::snprintf(t.nettype, sizeof t.nettype, "4");
+  std::snprintf(t.csq, sizeof t.csq, "-61");
+  std::snprintf(t.lteip, sizeof t.lteip, "10.64.12.34");
+  char buf[1024];
+  EXPECT_EQ(sdk::build_static_info(t, buf, sizeof buf), 0);
+  EXPECT_STREQ(buf, "{\"TelcomCarrier\":\"CARRIER_TELECOM\",\"MFRS\":\"Quectel\", \"ModelName\":\"Quectel\", \"Model\":\"EC20\", "
+                    "\"Version\":\"0.1\", \"IMEI\":\"866123456789012\", \"IMSI\":\"460031234\\\"5\\\\\"}");
+  EXPECT_EQ(sdk::build_dynamic_info(1, t, 2, 116.4, 39.9, buf, sizeof buf), 0);
+  EXPECT_STREQ(buf, "{\"CardStat\":\"1\", \"NetworkType\":\"4\",\"SignalStrength\":\"-61\", \"IP\":\"10.64.12.34\", "
+                    "\"Longitude\":\"116.400000\", \"Latitude\":\"39.900000\",\"PositionMode\":\"2\"}");
+  for (int off : {0, 99999}) {
+    EXPECT_EQ(sdk::build_dynamic_info(0, t, off, 1, 1, buf, 40), -1);  // cut, terminated, refused
+    EXPECT_EQ(std::string(buf).size(), 39u);
+    sdk::build_dynamic_info(0, t, off, 1, 1, buf, sizeof buf);
+    EXPECT_NE(std::string(buf).find("\"Longitude\":\"NULL\", \"Latitude\":\"NULL\",\"PositionMode\":\"NULL\"}"),
+              std::string::npos);
+  }
+}
+
+}  // namespace
+}  // namespace fsu::lte

@@ -1,0 +1,81 @@
+// Supervisor passes against the simulated modem, run in this process on a board of its own.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "lte/lte_supervisor.h"
+#include "lte/ntu.h"
+#include "support/sdk_log.h"
+#include "tests/sim/board_fixture.h"
+
+namespace fsu::lte {
+namespace {
+
+struct Supervisor : ::testing::Test {
+  Supervisor() {
+    support::SDK_LOG_PAR_INIT();
+    set_lte_waits({0, 200});
+  }
+  long commands() { return sim::modem_count(unit.box, "commands"); }
+  sim::RunningBoard unit{{"modem dial-delay 0", "modem boot-delay 0"}};
+};
+
+TEST_F(Supervisor, EvenPassesFindTheModemAndQueryOddPassesOnlyServeRequests) {
+  data_init();
+  lte_pass(0);
+  EXPECT_EQ(NTU.mode_id.load(), 10);
+  EXPECT_EQ(unit.box.read("/tmp/Globalp.ini"), "cimi=460001234567890\nimei=866123456789012\ncsq=-61\n");
+  EXPECT_NE(unit.box.calls().find("lsusb\nuci set network.ppp0.device=/dev/ttyUSB2\nuci commit\n"), std::string::npos);
+  const std::string calls = unit.box.calls();
+  const long heard = commands();
+  lte_pass(1);
+  EXPECT_EQ(unit.box.calls(), calls);
+  EXPECT_EQ(commands(), heard);
+  lte_pass(2);  // the same modem: no uci again
+  EXPECT_EQ(unit.box.calls().find("uci", calls.size()), std::string::npos);
+}
+
+TEST_F(Supervisor, SavedIdentitiesSkipTheirQueriesAndAnUnregisteredModemIsNotDialled) {
+  unit.box.write("/tmp/Globalp.ini", "cimi=460029999999999\nimei=860000000000001\ncsq=\n");
+  data_init();
+  EXPECT_STREQ(ntu_texts().cimi, "460029999999999");
+  ASSERT_TRUE(unit.control({"modem registered no"}).empty());
+  NTU.pppdstart.store(1);
+  lte_pass(0);
+  EXPECT_EQ(unit.box.read("/tmp/Globalp.ini"), "cimi=460029999999999\nimei=860000000000001\ncsq=-61\n");
+  EXPECT_NE(unit.box.read("/tmp/sdklog.log").find("LTE SYS NO CSQ!"), std::string::npos);
+  EXPECT_EQ(unit.box.calls().find("lte.sh"), std::string::npos);
+}
+
+TEST_F(Supervisor, SharedPortRowsQueryOnlyWhileTheLinkIsDown) {
+  data_init();
+  ASSERT_TRUE(unit.control({"modem row 18", "modem dial"}).empty());
+  ASSERT_TRUE(sim::state_shows(unit.box, "link ppp0 ", "state=up"));
+  lte_pass(0);
+  EXPECT_STREQ(ntu_texts().lteip, "10.64.12.34");
+  EXPECT_EQ(commands(), 0);
+  ASSERT_TRUE(unit.control({"modem link-drop"}).empty());
+  lte_pass(2);
+  EXPECT_GT(commands(), 0);
+}
+
+TEST_F(Supervisor, SixteenFailedProbesOnRowSixteenBeforeTheFirstPowerCycle) {
+  data_init();
+  NTU.mode_id.store(16);
+  ntu_set_text(NtuText::atdev, "/dev/ttyUSB9");  // no such port: every probe fails at once
+  for (int probe = 1; probe <= 16; ++probe) {
+    unit.box.write("/sys/class/gpio/gpio12/value", "x\n");
+    readatdata();
+    EXPECT_EQ(unit.box.read("/sys/class/gpio/gpio12/value"), probe < 16 ? "x\n" : "1\n") << probe;
+  }
+  ntu_set_text(NtuText::atdev, "/dev/ttyUSB3");  // the modem answers again: the count starts over
+  ASSERT_TRUE(sim::poll_until(5, [&] {
+    const std::string modem = sim::state_line(unit.box, "modem ");
+    return modem.find("state=ready") != std::string::npos && modem.find("power_cycles=1") != std::string::npos;
+  }));
+  readatdata();
+  EXPECT_EQ(atecount.load(), 0);
+}
+
+}  // namespace
+}  // namespace fsu::lte
