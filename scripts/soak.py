@@ -461,7 +461,7 @@ def report(out, faults=None):
 
     startup = next((float(fl["init_ms"]) / 1000 for _, kind, fl in events if kind == "startup"), None)
     write_summary(out, meta, rows, rules, recoveries, startup)
-    plot(out, rows, applied, by_key)
+    plot(out, rows, applied, by_key, events)
     failed = [r for r in rules if not r[1]]
     for name, passed, detail in rules:
         print(f"soak: {'pass' if passed else 'FAIL'}: {name}: {detail}")
@@ -531,7 +531,30 @@ def write_summary(out, meta, rows, rules, recoveries, startup):
         f.write("\n".join(lines))
 
 
-def plot(out, rows, applied, by_key):
+# Services shown in the picture's lower lane, each with the services of the application it groups.
+OUTAGE_ROWS = [("serial ports out", [f"uart{p}" for p in PORTS]), ("inputs stale", ["inputs"]),
+               ("SDK log stuck", ["log"]), ("web unanswered", ["web"]), ("modem figures stale", ["modem"]),
+               ("link down", ["link"]), ("position stale", ["position"])]
+
+
+def outages(events, services):
+    """The periods (from, to) in which any of `services` was lost, from its last good moment
+    to the moment it was back."""
+    periods, open_since = [], {}
+    for at, kind, fields in events:
+        svc = fields.get("service")
+        if svc not in services:
+            continue
+        if kind == "down":
+            open_since[svc] = fields["last_ok"]
+        elif kind == "up" and svc in open_since:
+            periods.append((open_since.pop(svc), at))
+    end = max((at for at, _, _ in events), default=0)
+    periods += [(since, end) for since in open_since.values()]
+    return periods
+
+
+def plot(out, rows, applied, by_key, events):
     if not rows:
         return
     keys = list(dict.fromkeys(k for k, _, _, _ in applied))
@@ -544,9 +567,16 @@ def plot(out, rows, applied, by_key):
             f.write(f"{float(r['time_s']) / 60:.3f} {int(r['rss_kb']) / 1024:.3f} "
                     f"{r['cpu_pct'] or 'NaN'} {r['sim_cpu_pct'] or 'NaN'} {sent:.0f} {received:.0f} {bad} "
                     f"{r['reading_age_s'] or 'NaN'} {r['fds']} {r['threads']}\n")
+    lanes = [title for title, services in OUTAGE_ROWS
+             if any(kind in ("up", "down") and fields.get("service") in services for _, kind, fields in events)]
     with open(os.path.join(out, "faults.dat"), "w") as f:
         for k, title, s, e in applied:
-            f.write(f"{s / 60:.3f} {max(e - s, 3) / 60:.3f} {keys.index(k) + 1} \"{by_key[k].title}\"\n")
+            f.write(f"{s / 60:.3f} {max(e - s, 3) / 60:.3f} {len(lanes) + 1 + keys.index(k)}\n")
+    with open(os.path.join(out, "outages.dat"), "w") as f:
+        for title, services in OUTAGE_ROWS:
+            if title in lanes:
+                for s, e in outages(events, services):
+                    f.write(f"{s / 60:.3f} {max(e - s, 1) / 60:.3f} {len(lanes) - lanes.index(title)}\n")
     end = float(rows[-1]["time_s"]) / 60
     peak_mb = max(int(r["rss_kb"]) for r in rows) / 1024
     peak_count = max(max(int(r["fds"]), int(r["threads"])) for r in rows)
@@ -554,9 +584,10 @@ def plot(out, rows, applied, by_key):
     shade = "\n".join(f"set object {i + 1} rect from {s / 60:.3f}, graph 0 to {max(e, s + 3) / 60:.3f}, "
                       "graph 1 fc rgb '#ffd8a8' fs solid 0.6 noborder behind"
                       for i, (_, _, s, e) in enumerate(applied))
-    ytics = ", ".join(f"\"{by_key[k].title}\" {i + 1}" for i, k in enumerate(keys))
+    ytics = ", ".join([f"\"{by_key[k].title}\" {len(lanes) + 1 + i}" for i, k in enumerate(keys)]
+                      + [f"\"{t}\" {len(lanes) - i}" for i, t in enumerate(lanes)])
     script = f"""
-set terminal pngcairo size 1400,1100 font 'DejaVu Sans,10'
+set terminal pngcairo size 1400,1300 font 'DejaVu Sans,10'
 set output '{out}/soak.png'
 set multiplot layout 4,1 margins 0.2,0.95,0.06,0.96 spacing 0,0.03
 set xrange [0:{end:.3f}]
@@ -595,10 +626,12 @@ unset y2tics
 set ylabel ''
 set format x '%g'
 set xlabel 'minutes since the load started'
-set yrange [0.3:{len(keys) + 0.7}]
+set yrange [0.3:{len(keys) + len(lanes) + 0.7}]
 set ytics ({ytics})
-unset key
-plot '{out}/faults.dat' using ($1+$2/2):3:($2/2):(0.3) with boxxyerror fs solid 0.8 lc rgb '#e6550d'
+set arrow from 0, {len(lanes) + 0.5} to {end:.3f}, {len(lanes) + 0.5} nohead lc rgb '#555555'
+set key below horizontal
+plot '{out}/faults.dat' using ($1+$2/2):3:($2/2):(0.3) with boxxyerror fs solid 0.8 lc rgb '#e6550d' title 'fault applied', \\
+     '{out}/outages.dat' using ($1+$2/2):3:($2/2):(0.3) with boxxyerror fs solid 0.8 lc rgb '#756bb1' title 'service lost'
 unset multiplot
 """
     with open(os.path.join(out, "soak.gp"), "w") as f:
