@@ -504,7 +504,25 @@ def write_summary(out, meta, rows, rules, recoveries, startup):
         lines += ["", f"Start-up: `InitializeSDK` took {startup:.3f} s from call to return; the sleeps "
                   f"its sequence requires add up to {STARTUP_SLEEPS_S:.1f} s ({off:+.1%}; goal within "
                   f"{STARTUP_GOAL:.0%}: {'met' if abs(off) <= STARTUP_GOAL else 'missed'})."]
-    lines += ["", "## Faults and service back", "",
+    # At a glance: the slowest return of each service after each kind of fault.
+    worst = {}
+    for title, s, e, backs in recoveries:
+        entry = worst.setdefault(title, {"times": 0, "services": {}})
+        entry["times"] += 1
+        for svc, b, since, lim, ok in backs:
+            svc = "its serial ports" if svc.startswith("uart") else svc
+            slowest = entry["services"].get(svc)
+            key = float("inf") if b is None else b - since
+            if slowest is None or key > slowest[0]:
+                entry["services"][svc] = (key, lim)
+    lines += ["", "## Service back, the slowest of each fault", "",
+              "| Fault | Times applied | Slowest service back (s), limit |", "| --- | --- | --- |"]
+    for title, entry in worst.items():
+        text = ", ".join(f"{svc} {'never' if t == float('inf') else f'{t:.1f}'} (≤{lim})"
+                         for svc, (t, lim) in entry["services"].items()) or "nothing lost"
+        lines.append(f"| {title} | {entry['times']} | {text} |")
+    lines += ["", "The link's times count from the dial request that brought it back.", "",
+              "## Each fault", "",
               "| Fault | From (min) | Held (s) | Service back after (s), limit |",
               "| --- | --- | --- | --- |"]
     for title, s, e, backs in recoveries:
