@@ -51,7 +51,26 @@ void set_12v(const char* message, int gpio, int value) {
   platform::run_commandf("echo %d > %s", value, platform::DevicePath(device_path).c_str());
 }
 
-void run_item(int item) {
+// Item 12: the position report and the signal report, in one reply buffer.
+void show_positioning() {
+  char reply[2048];
+  BSP_GET_GPS_INFO(reply);
+  std::printf("\r\n\r\nGPSINFO:\r\n%s", reply);
+  BSP_GET_GPS_dB_INFO(reply);
+  std::printf("GPS DB:\r\n%s\r\n\r\n", reply);
+}
+
+// Item 99: the positioning mode typed by the operator. Nothing is set when the input ends.
+void set_position_mode(std::FILE* in) {
+  std::printf("\r\n请输入GPS类型:1-GPS,2-北斗 3-GPS+北斗");
+  char line[kLineSize];
+  if (read_console_line(in, line, sizeof line) < 0) return;
+  const int mode = console_number(line);
+  std::printf("设置类型：%d\r\n", mode);
+  SetPositionMode(mode);
+}
+
+void run_item(int item, std::FILE* in) {
   switch (item) {
     case 1:
       std::puts("间隔一秒获取获取硬件时钟\r");
@@ -72,6 +91,9 @@ void run_item(int item) {
     case 10:
       set_12v("主板第2路12V上电", 5, 1);
       break;
+    case 12:
+      show_positioning();
+      break;
     case 16:
       NET_MODE_INFO();
       break;
@@ -80,6 +102,18 @@ void run_item(int item) {
       break;
     case 18:
       support::SDK_LOG_PAR_INIT_NOPRINTF();
+      break;
+    case 21:
+      std::puts("设置为 GPS+北斗模式\r");
+      BSP_SET_GPS_PCAS(0);
+      break;
+    case 22:
+      std::puts("设置为 GPS模式\r");
+      BSP_SET_GPS_PCAS(1);
+      break;
+    case 23:
+      std::puts("设置为 北斗模式\r");
+      BSP_SET_GPS_PCAS(2);
       break;
     case 98: {
       char text[1024] = {};
@@ -90,6 +124,9 @@ void run_item(int item) {
       std::printf("模块动态信息:%s\r\n", text);
       break;
     }
+    case 99:
+      set_position_mode(in);
+      break;
     case 8893:
       UpdateSDK("/tmp/dt_sdk_upgrade.gz");
       break;
@@ -150,7 +187,7 @@ void menu_loop(std::FILE* in) {
   for (;;) {
     help_printf();
     if (read_console_line(in, line, sizeof line) < 0) return;
-    run_item(console_number(line));
+    run_item(console_number(line), in);
   }
 }
 

@@ -97,6 +97,19 @@ int GetSupportedExtendType(void *param);
 /* Extensions cannot be added: always -1; param is not consulted. */
 int AddExtend(void *param);
 
+/* ---- Positioning ---- */
+
+/* Writes the position report (longitude, latitude, altitude, satellites used and in view of GPS
+ * and BeiDou) into buf, which must hold 256 bytes. */
+int BSP_GET_GPS_INFO(char *buf);
+/* Writes the satellite signal report into buf (1024 bytes); -1 with empty text while no GSV
+ * group has completed since the last report. */
+int BSP_GET_GPS_dB_INFO(char *buf);
+/* Sets the receiver mode of the web page and console: 0 GPS and BeiDou, 1 GPS, 2 BeiDou. */
+int BSP_SET_GPS_PCAS(int mode);
+/* Sets the positioning mode: 1 GPS, 2 BeiDou, 3 both, 0 switches positioning off. */
+int SetPositionMode(int mode);
+
 #ifdef __cplusplus
 }
 #endif

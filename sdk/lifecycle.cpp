@@ -10,7 +10,9 @@
 #include "platform/command_runner.h"
 #include "platform/sandbox_root.h"
 #include "board/software_watchdog.h"
+#include "gps/position_mode.h"
 #include "lte/lte_supervisor.h"
+#include "sdk/clock_repair.h"
 #include "sdk/resource_catalogue.h"
 #include "sdk/sdk_leds.h"
 #include "serial/serial_ports.h"
@@ -83,6 +85,9 @@ extern "C" int InitializeSDK(void) {
   BSP_Resource_CHECK();
   fsu::board::soft_dog_run(0);
   HW_RESOURCES_CHECK();
+  HW_RESOURCES_CHECK_FUN();
+  fsu::gps::GPS_DEFAULT_SET();
+  fsu::gps::GPS_MODE_UPDATE();
   SDK_LED_HANDLE();
   return 0;
 }

@@ -2,8 +2,11 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstring>
 #include <pthread.h>
 
+#include "gps/gps_record.h"
+#include "gps/nmea_reader.h"
 #include "platform/clock.h"
 #include "serial/environment_link.h"
 #include "serial/extension_link.h"
@@ -89,8 +92,18 @@ void env_com_read_pass() {
   std::uint8_t buf[kRecvCapacity];
   const std::int32_t n = read_slot(6, buf, sizeof buf);
   if (n <= 0) return;
-  std::lock_guard<std::mutex> lock(M_COM_READ_LOCK[15]);
-  append_locked(15, buf, n);
+  {
+    // The batch is handed over and cleared under the record's lock, so that an application
+    // reading "Local/Uart/16" never races the parser for the same bytes.
+    std::lock_guard<std::mutex> lock(M_COM_READ_LOCK[15]);
+    MCOM_RECV_INFO& record = LIST_MCOM_RECV_INFO[15];
+    append_locked(15, buf, n);
+    if (gps::BSP_GPS_READ(reinterpret_cast<const char*>(record.aucData), record.nLen.load()) != 0) return;
+    std::memset(record.aucData, 0, sizeof record.aucData);
+    record.nLen.store(0);
+  }
+  const gps::GpsFix fix = gps::gps_fix();
+  support::SDK_LOG_WRITE(support::SDK_LOG_SYS, "GPS:J:%f;W:%f", fix.longitude, fix.latitude);
 }
 
 void* M_COM_READ_THREAD(void* arg) {

@@ -24,9 +24,10 @@ constexpr const char* kPortUse[] = {"Local/Uart/1",      "Local/Uart/2",      "L
                                     "Local/Uart/4",      "extension-board-1", "extension-board-2",
                                     "positioning-receiver"};
 // Ports that end in the factory test's loopback plug when the board comes up; ports 5 and 6
-// lead to the extension boards, port 7 is silent.
+// lead to the extension boards, port 7 leads to the positioning receiver.
 constexpr int kLoopbackPorts = 4;
 constexpr int kExtensionPorts[] = {5, 6};
+constexpr int kReceiverPort = 7;
 constexpr int kMainPorts = 7;
 constexpr int kModemPowerLine = 12;
 
@@ -115,17 +116,24 @@ Board::Board(std::string root, BoardOptions options)
     commands_.add(word, usage, [this, handler](std::span<const std::string_view> args) { return (this->*handler)(args); });
   };
   command("uart", "uart N loopback|terminal|silent (N 1 to 12)", &Board::set_uart);
-  command("port", "port N loopback|terminal|silent (N 1 to 4 or 7)", &Board::set_port);
+  command("port", "port N loopback|terminal|silent (N 1 to 4 or 7), port 7 receiver", &Board::set_port);
   command("board", "board N silent|on (N 1 or 2)", &Board::set_board);
   command("env", "env silent|on", &Board::set_environment);
   command("ai", "ai N [voltage] VOLTS | ai N current MILLIAMPS (N 1 to 16)", &Board::set_analogue);
   command("di", "di N open|closed (N 1 to 16)", &Board::set_contact);
   command("modem", "modem SETTING [VALUE] (see docs/fsusim.md)", &Board::set_modem);
+  command("gps",
+          "gps fix|nofix|silent|noise | gps position LAT LON [ALT [SEP]] | gps time now|YYYY-MM-DDTHH:MM:SS | "
+          "gps sky gps|bd [ID:CN0...]",
+          &Board::set_receiver);
   state_.add_section([this](std::string& out) { describe_board(out); });
   state_.add_section([this](std::string& out) { describe_serial(out); });
   state_.add_section([this](std::string& out) { describe_extensions(out); });
   state_.add_section([this](std::string& out) {
     if (modem_) modem_->describe(out);
+  });
+  state_.add_section([this](std::string& out) {
+    if (receiver_ != nullptr) receiver_->describe_state(out);
   });
   state_.add_section([this](std::string& out) { describe_gpio(out); });
   state_.add_section([this](std::string& out) { describe_control(out); });
@@ -167,7 +175,9 @@ bool Board::start(std::string* error) {
       extensions_[board - 1] = extension.get();
       uart->attach(std::move(extension));
     } else {
-      uart->attach(std::make_unique<SilentEnd>());
+      auto receiver = std::make_unique<PositioningReceiver>();
+      receiver_ = receiver.get();
+      uart->attach(std::move(receiver));
     }
     uarts_.push_back(std::move(uart));
   }
@@ -201,6 +211,7 @@ void Board::stop() {
 void Board::close_ports() {
   extensions_[0] = extensions_[1] = nullptr;
   modem_.reset();
+  receiver_ = nullptr;
   for (const auto& uart : uarts_) uart->close();
   uarts_.clear();
   for (int& fd : wake_) {
@@ -294,7 +305,28 @@ std::string Board::set_port(std::span<const std::string_view> args) {
   for (const int port : kExtensionPorts) {
     if (number == port) return "port " + std::to_string(port) + " leads to extension board " + std::to_string(port - 4);
   }
+  if (number == kReceiverPort) return set_receiver_port(args[1]);
   return set_port_end(*uarts_[number - 1], args[1]);
+}
+
+std::string Board::set_receiver_port(std::string_view mode) {
+  Uart& uart = *uarts_[kReceiverPort - 1];
+  if (mode == "receiver") {
+    if (receiver_ == nullptr) {
+      auto receiver = std::make_unique<PositioningReceiver>();
+      receiver_ = receiver.get();
+      uart.attach(std::move(receiver));
+    }
+    return "";
+  }
+  const std::string error = set_port_end(uart, mode);
+  if (error.empty()) receiver_ = nullptr;
+  return error;
+}
+
+std::string Board::set_receiver(std::span<const std::string_view> args) {
+  if (receiver_ == nullptr) return "port 7 has no receiver ('port 7 receiver' puts it back)";
+  return receiver_->control(args);
 }
 
 std::string Board::set_port_end(Uart& uart, std::string_view mode) {

@@ -19,6 +19,7 @@
 #include "sim/environment_board.h"
 #include "sim/extension_board.h"
 #include "sim/modem.h"
+#include "sim/positioning_receiver.h"
 #include "sim/state_file.h"
 #include "sim/uart.h"
 
@@ -61,6 +62,8 @@ class Board {
   std::string set_analogue(std::span<const std::string_view> args);
   std::string set_contact(std::span<const std::string_view> args);
   std::string set_modem(std::span<const std::string_view> args);
+  std::string set_receiver(std::span<const std::string_view> args);
+  std::string set_receiver_port(std::string_view mode);
   void say(const std::string& message) const;
   void describe_board(std::string& out) const;
   void describe_serial(std::string& out) const;
@@ -76,6 +79,7 @@ class Board {
   std::vector<std::unique_ptr<Uart>> uarts_;
   ExtensionBoard* extensions_[2] = {nullptr, nullptr};  // the far ends of ports 5 and 6
   std::unique_ptr<Modem> modem_;
+  PositioningReceiver* receiver_ = nullptr;  // the far end of port 7 while it is the receiver
   CommandTable commands_;
   ControlFile control_;
   StateFile state_;

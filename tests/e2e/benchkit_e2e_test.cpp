@@ -49,8 +49,9 @@ TEST(BenchkitOnSimulator, StartsTheSdkPrintsTheMenuAndEndsWithItsInput) {
             std::string::npos)
       << console.output();
 
-  console.send("0\n19\n12abc\n\n");  // no such items yet: the menu is drawn again each time
+  console.send("0\n19\n12abc\n\n");  // no items but 12 (a decimal prefix): the menu comes back each time
   ASSERT_TRUE(console.wait_for_count("输入测试项: ", 6, 10));
+  EXPECT_NE(console.output().find("\r\n\r\nGPSINFO:\r\n"), std::string::npos);
   console.end_input();
   EXPECT_EQ(console.wait_exit(10), 0);
 

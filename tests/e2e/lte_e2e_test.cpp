@@ -75,13 +75,15 @@ TEST(ModemOnSimulator, BenchkitShowsTheSimThenTheLinkBothTextsAndTheNetLed) {
     return console.output().find("模块网络IP:10.64.12.34\r\n") != std::string::npos;
   })) << console.output();
   EXPECT_TRUE(poll_until(5, [&] { return state_line(box, "led net ").find("state=lit") != std::string::npos; }));
+  // The simulated receiver's position, once the positioning reader has taken a batch.
+  EXPECT_TRUE(poll_until(20, [&] { return box.read("/tmp/sdklog.log").find("GPS:J:121.473701;") != std::string::npos; }));
   console.send("98\n");
   ASSERT_TRUE(console.wait_for_count("输入测试项: ", ++prompts, 10));
   EXPECT_NE(console.output().find(
                 "模块静态信息:{\"TelcomCarrier\":\"CARRIER_MOBILE\",\"MFRS\":\"Quectel\", \"ModelName\":\"Quectel\", "
                 "\"Model\":\"EC20\", \"Version\":\"0.1\", \"IMEI\":\"866123456789012\", \"IMSI\":\"460001234567890\"}\r\n"
                 "模块动态信息:{\"CardStat\":\"1\", \"NetworkType\":\"4\",\"SignalStrength\":\"-61\", \"IP\":\"10.64.12.34\", "
-                "\"Longitude\":\"NULL\", \"Latitude\":\"NULL\",\"PositionMode\":\"NULL\"}\r\n"),
+                "\"Longitude\":\"121.473701\", \"Latitude\":\"31.230400\",\"PositionMode\":\"2\"}\r\n"),
             std::string::npos)
       << console.output();
   // Discovery set the data device and registered the modem's id; every tool was the sandbox's.

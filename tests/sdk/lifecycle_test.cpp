@@ -5,17 +5,25 @@
 #include <string>
 
 #include "fsusdk.h"
+#include "gps/nmea_reader.h"
 #include "platform/clock.h"
+#include "sdk/clock_repair.h"
 #include "sdk/lifecycle.h"
 #include "tests/common/test_sandbox.h"
 
 namespace fsu::sdk {
 namespace {
 
-TEST(Lifecycle, StartsOnceWritesVersionAndLogAndSeesAFaultyClock) {
+TEST(Lifecycle, StartsOnceWritesVersionAndLogAndRepairsAFaultyClockFromTheReceiver) {
   fsu::test::TestSandbox box;
   box.write("/sim/rtc_fault", "");
+  setenv("TZ", "UTC", 1);
+  std::string zda = "$GPZDA,082710.00,16,11,2026,00,00*6B\r\n";
+  zda.insert(0, 1025 - zda.size(), ' ');
+  gps::BSP_GPS_READ(zda.data(), static_cast<int>(zda.size()));
   ASSERT_EQ(InitializeSDK(), 0);
+  // The receiver's UTC with its eight hours, set as the system time.
+  EXPECT_NE(box.calls().find("date -s 2026-11-16 16:27:10\n"), std::string::npos) << box.calls();
   const std::string version = std::string("Version:Sdk-SE1.0.9-") + build_date() + "-" + build_time();
   EXPECT_EQ(box.read("/tmp/sdkversion"), version + "\r\n\n");
   EXPECT_NE(box.read("/tmp/sdklog.log").find("sdk_SYS   Line=0000000001]:InitializeSDK"), std::string::npos);
@@ -28,11 +36,16 @@ TEST(Lifecycle, StartsOnceWritesVersionAndLogAndSeesAFaultyClock) {
   EXPECT_NE(box.read("/tmp/sdklog.log").find("]:UninitializeSDK"), std::string::npos);
 }
 
-TEST(Lifecycle, ClockCheckKeepsTheFlagClearWhenTheClockAnswers) {
+TEST(Lifecycle, ClockCheckKeepsTheFlagClearWhenTheClockAnswersAndRepairsNothing) {
   fsu::test::TestSandbox box;
   HW_RESOURCES_CHECK();
   EXPECT_EQ(HW_RTC_IS_Err(), 0);
   EXPECT_NE(box.calls().find("hwclock -r"), std::string::npos);
+  const double start = platform::monotonic_seconds();
+  HW_RESOURCES_CHECK_FUN();
+  api_box_hw_check_pass();
+  EXPECT_LT(platform::monotonic_seconds() - start, 0.5);
+  EXPECT_EQ(box.calls().find("date"), std::string::npos);
 }
 
 TEST(Lifecycle, UpdateTakesOnlyArchivesWithPlainPaths) {

@@ -70,7 +70,7 @@ TEST(FsusimUp, HoldsTheBoardTakesControlLinesAndGoesDownOnSigterm) {
   EXPECT_EQ(exit_code(kFsusim + " ctl --root " + unit + " 'uart 2 loopback' 'uart 3 terminal'"), 0);
   EXPECT_TRUE(up.wait_for("fsusim: Local/Uart/3 terminal: /dev/pts/", 2)) << up.output();
   EXPECT_EQ(capture(kFsusim + " ctl --root " + unit + " 'uart 1 silent' frob 2>&1; echo $?"),
-            "fsusim: \"frob\": unknown command (commands: uart, port, board, env, ai, di, modem)\n1\n");
+            "fsusim: \"frob\": unknown command (commands: uart, port, board, env, ai, di, modem, gps)\n1\n");
   EXPECT_TRUE(up.wait_for("fsusim: control: \"frob\"", 2)) << up.output();
 
   const pid_t pid = std::stoi(box.read("/tmp/unit/sim/board.pid"));

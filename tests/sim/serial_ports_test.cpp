@@ -35,7 +35,7 @@ TEST(SerialPorts, LoopbackPlugSendsEveryByteBackAtTheLineRate) {
 }
 
 TEST(SerialPorts, PersonTerminalRelaysBothWaysAndSilentPortsSendNothing) {
-  RunningBoard unit({"uart 2 terminal", "uart 3 silent"});
+  RunningBoard unit({"uart 2 terminal", "uart 3 silent", "port 7 silent"});
   ASSERT_TRUE(unit.started);
   const std::string person_path = terminal_of(unit.box, "uart 2 ");
   ASSERT_EQ(person_path.rfind("/dev/pts/", 0), 0u) << unit.box.read("/sim/state");
@@ -73,7 +73,7 @@ TEST(Control, AppliesLinesInOrderAndReportsBadOnes) {
   EXPECT_EQ(unit.box.read("/sim/control.done"), "6 " + std::to_string(unit.box.read("/sim/control").size()) + "\n");
 
   const std::vector<std::pair<std::string, std::string>> bad = {
-      {"frob 1", "\"frob 1\": unknown command (commands: uart, port, board, env, ai, di, modem)"},
+      {"frob 1", "\"frob 1\": unknown command (commands: uart, port, board, env, ai, di, modem, gps)"},
       {"uart 13 loopback", "no port 13 (ports are 1 to 12)"},
       {"uart 2 sideways", "no mode sideways; usage: uart N loopback|terminal|silent (N 1 to 12)"},
       {"uart 2", "\"uart 2\": needs a port and a mode"},

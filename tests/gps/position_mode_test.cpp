@@ -1,0 +1,105 @@
+// The positioning mode on a sandbox: uci options through the stand-in tool, $PCAS commands on a
+// pseudo-terminal standing in for the receiver's UART, the record cleared after every update.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "fsusdk.h"
+#include "gps/gps_record.h"
+#include "gps/nmea_reader.h"
+#include "gps/position_mode.h"
+#include "serial/uart_driver.h"
+#include "support/config_reader.h"
+#include "support/sdk_log.h"
+#include "tests/common/pty_pair.h"
+#include "tests/common/test_sandbox.h"
+
+namespace fsu::gps {
+namespace {
+
+const std::string kGga = "$GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,*47\r\n";
+const std::string kBoth = "$PCAS04,3*1A\r\n$PCAS00*01\r\n";
+const std::string kGpsOnly = "$PCAS04,1*18\r\n$PCAS00*01\r\n";
+
+int read_batch(std::string text) {
+  text.insert(0, 1025 - text.size(), ' ');
+  return BSP_GPS_READ(text.data(), static_cast<int>(text.size()));
+}
+
+std::string option(const char* name) { return support::sdkuci_get_flash((std::string("uci get dtm.sys.") + name).c_str()); }
+
+// A sandbox whose receiver UART is a pseudo-terminal, with the update's waits only counted.
+long waited = 0;
+struct Unit {
+  explicit Unit(const std::string& dtm) {
+    reset_gps_reader_for_tests();
+    box.write("/etc/config/dtm", "config dtm 'sys'\n" + dtm);
+    serial::BSP_ComCreate(6);
+    set_mode_update_wait([](long seconds) { waited += seconds; });
+    support::SDK_LOG_PAR_INIT();
+  }
+  ~Unit() { serial::BSP_ComDestroy(6); }
+  test::TestSandbox box;
+  test::PtyPair receiver{box.path("/dev/ttymxc7")};
+};
+
+std::string text(const std::vector<std::uint8_t>& bytes) { return std::string(bytes.begin(), bytes.end()); }
+
+TEST(PositionMode, FirstStartAppliesTheFactoryDefaultOnceAndCommandsBothSystems) {
+  Unit unit("\toption pcas '0'\n");
+  GPS_DEFAULT_SET();
+  GPS_DEFAULT_SET();
+  EXPECT_EQ(unit.box.read("/etc/kq_bd_gps_default"), "1\n");
+  EXPECT_EQ(option("pcas"), "2");
+  EXPECT_EQ(unit.box.calls(), "uci set dtm.sys.pcas=2\nuci commit\n");
+
+  char report[1024];
+  EXPECT_EQ(BSP_GET_GPS_dB_INFO(report), -1);  // no GSV group has come yet
+  read_batch(kGga);
+  EXPECT_EQ(GPS_MODE_UPDATE(), 256);  // rm finds no /tmp/gps_* files
+  EXPECT_EQ(text(unit.receiver.drain()), kBoth);
+  EXPECT_EQ(waited, 3);
+  EXPECT_EQ(Read_PositionMode(), 2);
+  EXPECT_NE(unit.box.read("/tmp/sdklog.log").find("gps_pcas=0,PositionMode=2"), std::string::npos);
+  // The record is cleared and the next batch only clears it again; the one after is read.
+  EXPECT_EQ(gps_fix().latitude, 0);
+  EXPECT_EQ(read_batch(kGga), 0);
+  EXPECT_EQ(gps_fix().latitude, 0);
+  read_batch(kGga);
+  EXPECT_NE(gps_fix().latitude, 0);
+}
+
+TEST(PositionMode, SettersCompareWithThePcasOptionAndCommandByPcasSdk) {
+  const struct {
+    int (*set)(int);
+    int mode;
+    const char* dtm;
+    std::string wire;
+    const char *pcas, *pcas_sdk;
+    int position_mode, read_mode;
+  } rows[] = {
+      {GPS_SET_PCAS, 1, "\toption pcas '2'\n", kGpsOnly, "1", "1", 1, 1},
+      {GPS_SET_PCAS, 2, "\toption pcas '2'\n\toption pcas_sdk '1'\n", kGpsOnly, "2", "1", 1, 1},
+      {BSP_SET_GPS_PCAS, 0, "\toption pcas '2'\n", kBoth, "0", "0", 0, 0},
+      {SetPositionMode, 3, "\toption pcas '2'\n\toption pcas_sdk '1'\n", kBoth, "3", "3", 3, 3},
+      {SDK_GPS_SET_PCAS, 0, "\toption pcas '2'\n", "", "99999", "99999", 99999, 0},
+      {SetPositionMode, 0, "\toption pcas '2'\n", "", "99999", "99999", 99999, 0},
+  };
+  for (const auto& row : rows) {
+    Unit unit(row.dtm);
+    read_batch(kGga);
+    EXPECT_NE(row.set(row.mode), -1);
+    const std::string where = std::string(row.dtm) + " mode " + std::to_string(row.mode);
+    EXPECT_EQ(text(unit.receiver.drain()), row.wire) << where;
+    EXPECT_EQ(option("pcas"), row.pcas) << where;
+    EXPECT_EQ(option("pcas_sdk"), row.pcas_sdk) << where;
+    EXPECT_EQ(PositionMode.load(), row.position_mode) << where;
+    EXPECT_EQ(Read_PositionMode(), row.read_mode) << where;
+    EXPECT_EQ(gps_fix().latitude, 0) << where;
+    // Nothing is written when the option already holds the mode.
+    EXPECT_EQ(unit.box.calls().find("uci commit") == std::string::npos, row.mode == 2) << where;
+  }
+}
+
+}  // namespace
+}  // namespace fsu::gps
