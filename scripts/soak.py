@@ -21,9 +21,10 @@ SAMPLE_S = 10
 PORTS = range(1, 13)
 BOARD_PORTS = {1: [5, 6, 7, 8], 2: [9, 10, 11, 12]}
 
-# Start-up: InitializeSDK sleeps 1 s in the LED sweep and 2 s for the boards to answer; with a
-# working hardware clock it waits for nothing else.
-STARTUP_SLEEPS_S = 3.0
+# Start-up: InitializeSDK sleeps 1 s in the LED sweep, 2 s for the boards to answer, and, as it
+# brings the receiver to its mode, 1 s between the mode and save commands and 2 s after them;
+# with a working hardware clock it waits for nothing else.
+STARTUP_SLEEPS_S = 6.0
 STARTUP_GOAL = 0.05
 
 # Service back after a fault, in seconds (measured; see docs/soak.md). The link counts from the
