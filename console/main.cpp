@@ -1,10 +1,14 @@
 // benchkit: the test console of the FSU. Without arguments it serves the numbered menu; with
 // the single argument "web" it runs unattended beside the device's web pages.
+#include <pthread.h>
+
 #include <cstdio>
 #include <cstring>
 #include <unistd.h>
 
 #include "console/menu.h"
+#include "console/test_routines.h"
+#include "console/web_mode.h"
 #include "fsusdk.h"
 #include "platform/clock.h"
 #include "platform/command_runner.h"
@@ -19,6 +23,11 @@ constexpr const char* kResidentStops[] = {
     "killall /product/app/bin/fieldsvc", "killall fieldsvc", "killall fieldsvc_tf_listen",
     "killall kvwatch", "killall kvserve"};
 
+pthread_t LED_thread;
+pthread_t comloop_thread;
+pthread_t aodo_listen_thread;
+pthread_t ppp0_listen_thread;
+
 [[noreturn]] void web_mode() {
   std::puts(kStarLine);
   std::printf(
@@ -27,6 +36,9 @@ constexpr const char* kResidentStops[] = {
   std::puts(kStarLine);
   std::fflush(stdout);
   fsu::platform::sleep_s(3);
+  pthread_create(&comloop_thread, nullptr, fsu::console::COM_TEST_FUN, nullptr);
+  pthread_create(&aodo_listen_thread, nullptr, fsu::console::AODO_LISTEN_CONTROL, nullptr);
+  pthread_create(&ppp0_listen_thread, nullptr, fsu::console::PPP0_LISTEN_FUN, nullptr);
   for (;;) fsu::platform::sleep_s(3600);  // the work is done by the threads
 }
 
@@ -38,6 +50,7 @@ int main(int argc, char** argv) {
   InitializeSDK();
   fsu::support::SDK_LOG_PAR_INIT_NOPRINTF();
   fsu::support::SDK_LOG_PAR_INIT();
+  pthread_create(&LED_thread, nullptr, fsu::console::LED_FUN, nullptr);
   if (argc == 2 && std::strcmp(argv[1], "web") == 0) web_mode();
   fsu::console::menu_loop(stdin);
   // End of input: leave at once, without running static destructors under the SDK's threads.

@@ -6,9 +6,8 @@
 #include <cstring>
 
 #include "console/test_routines.h"
+#include "console/web_mode.h"
 #include "fsusdk.h"
-#include "platform/command_runner.h"
-#include "platform/sandbox_root.h"
 #include "support/sdk_log.h"
 
 namespace fsu::console {
@@ -46,9 +45,19 @@ static_assert(sizeof kMenuLines / sizeof kMenuLines[0] == 23);
 // Items 7 to 10: a 12 V output of the main board switched through its GPIO value file.
 void set_12v(const char* message, int gpio, int value) {
   std::printf("%s", message);
-  char device_path[64];
-  std::snprintf(device_path, sizeof device_path, "/sys/class/gpio/gpio%d/value", gpio);
-  platform::run_commandf("echo %d > %s", value, platform::DevicePath(device_path).c_str());
+  echo_gpio(gpio, value);
+}
+
+// The serial test command of item 13.
+constexpr char kTestCommand[] = "~10012D92E002FFFCFA\r";
+
+// A follow-up number of items 13, 14 and 99, read like the item number; false at end of input.
+bool read_number(std::FILE* in, const char* prompt, int* number) {
+  std::printf("%s", prompt);
+  char line[kLineSize];
+  if (read_console_line(in, line, sizeof line) < 0) return false;
+  *number = console_number(line);
+  return true;
 }
 
 // Item 12: the position report and the signal report, in one reply buffer.
@@ -61,16 +70,17 @@ void show_positioning() {
 }
 
 // Item 99: the positioning mode typed by the operator. Nothing is set when the input ends.
-void set_position_mode(std::FILE* in) {
-  std::printf("\r\n请输入GPS类型:1-GPS,2-北斗 3-GPS+北斗");
-  char line[kLineSize];
-  if (read_console_line(in, line, sizeof line) < 0) return;
-  const int mode = console_number(line);
+bool set_position_mode(std::FILE* in) {
+  int mode = 0;
+  if (!read_number(in, "\r\n请输入GPS类型:1-GPS,2-北斗 3-GPS+北斗", &mode)) return false;
   std::printf("设置类型：%d\r\n", mode);
   SetPositionMode(mode);
+  return true;
 }
 
-void run_item(int item, std::FILE* in) {
+// Runs one item; false when the input ended inside it.
+bool run_item(int item, std::FILE* in) {
+  int port = 0;
   switch (item) {
     case 1:
       std::puts("间隔一秒获取获取硬件时钟\r");
@@ -78,6 +88,17 @@ void run_item(int item, std::FILE* in) {
       break;
     case 2:
       Printf_Resource();
+      break;
+    case 3:
+      COM_Loop();
+    case 4:
+      START_PPP0();
+      break;
+    case 5:
+      DO_CONTROL();
+      break;
+    case 6:
+      AIDI_READ();
       break;
     case 7:
       set_12v("主板第一路12V断电", 8, 0);
@@ -91,6 +112,29 @@ void run_item(int item, std::FILE* in) {
     case 10:
       set_12v("主板第2路12V上电", 5, 1);
       break;
+    case 11: {
+      char reply[2048] = {};
+      BSP_GET_AIDI_RT_INFO(reply);
+      std::printf("AIDI 数据信息:%s", reply);
+      break;
+    }
+    case 13: {
+      if (!read_number(in, "\r\n请输入要测试的串口号:", &port)) return false;
+      std::printf("串口%d 发送测试指令:~10012D92E002FFFCFA\r", port);
+      std::fflush(stdout);
+      char reply[2048] = {};  // one byte kept for the terminator: the reply is printed as text
+      const int n = BSP_UART_SEND_CMD(port, 2, 9600, 8, 1, 0, kTestCommand, sizeof kTestCommand - 1, reply,
+                                      sizeof reply - 1);
+      std::printf("串口%d 返回数据(%d):%s\r\n", port, n, reply);
+      break;
+    }
+    case 14:
+      if (!read_number(in, "\r\n请输入要记录日志的串口号:", &port)) return false;
+      std::printf("开始记录串口%d 的日志,本地最多记录1000条\r\n", port);
+      BSP_SET_UART_LOG(port, 1000);
+      break;
+    case 15:
+      COM_TEST_FUN(nullptr);
     case 12:
       show_positioning();
       break;
@@ -125,7 +169,7 @@ void run_item(int item, std::FILE* in) {
       break;
     }
     case 99:
-      set_position_mode(in);
+      if (!set_position_mode(in)) return false;
       break;
     case 8893:
       UpdateSDK("/tmp/dt_sdk_upgrade.gz");
@@ -139,6 +183,7 @@ void run_item(int item, std::FILE* in) {
       }
       break;  // anything else is not an item: the menu is drawn again
   }
+  return true;
 }
 
 }  // namespace
@@ -186,8 +231,7 @@ void menu_loop(std::FILE* in) {
   char line[kLineSize];
   for (;;) {
     help_printf();
-    if (read_console_line(in, line, sizeof line) < 0) return;
-    run_item(console_number(line), in);
+    if (read_console_line(in, line, sizeof line) < 0 || !run_item(console_number(line), in)) return;
   }
 }
 

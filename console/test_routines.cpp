@@ -2,7 +2,9 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstring>
 
+#include "console/web_mode.h"
 #include "fsusdk.h"
 #include "gps/gps_record.h"
 #include "lte/ntu.h"
@@ -11,10 +13,53 @@
 #include "sdk/resource_catalogue.h"
 
 namespace fsu::console {
+namespace {
+
+constexpr int kReadSize = 1024;
+constexpr int kLoopTextLength = 10;
+
+// "Local/Uart/N" and the like.
+struct PointName {
+  PointName(const char* kind, int n) { std::snprintf(text, sizeof text, "Local/%s/%d", kind, n); }
+  char text[32];
+};
+
+// The loopback test text of port N: "IS COM 03" and a line feed.
+struct LoopText {
+  explicit LoopText(int n) { std::snprintf(text, sizeof text, "IS COM %02d\n", n); }
+  char text[24];  // room for any int
+};
+
+void loopback_report(const char* format) {
+  for (int n = 1; n <= sdk::sdk_read_com_num(); ++n) std::printf(format, n, dtu_sent(n), dtu_received(n));
+}
+
+// The test text out of every second port from `first` on.
+void loopback_send(int first) {
+  for (int n = first; n <= sdk::sdk_read_com_num(); n += 2) {
+    WriteUart(PointName("Uart", n).text, LoopText(n).text, kLoopTextLength);
+    dtu_add(n, kLoopTextLength, 0);
+  }
+}
+
+// Every port read: a port passes with exactly its own text; anything else prints `failure`.
+void loopback_read(const char* failure) {
+  for (int n = 1; n <= sdk::sdk_read_com_num(); ++n) {
+    const PointName name("Uart", n);
+    char buf[kReadSize + 1] = {};
+    const int got = ReadUart(name.text, buf, kReadSize, 0);
+    if (got <= 0) continue;
+    dtu_add(n, 0, got);
+    if (got == kLoopTextLength && std::memcmp(buf, LoopText(n).text, kLoopTextLength) == 0) continue;
+    std::printf(failure, name.text, got, buf);
+  }
+}
+
+}  // namespace
 
 void system_cmd(const char* command) {
-  char output[1025];
-  const long n = platform::capture_command(command, output, 1024);
+  char output[kReadSize + 1];
+  const long n = platform::capture_command(command, output, kReadSize);
   if (n < 0) return;
   output[n] = '\0';
   std::printf("指令执行结果:%s", output);
@@ -36,6 +81,120 @@ void Printf_Resource() {
   std::printf("AI数量:%d\r\n", sdk::sdk_read_ai_num());
   std::printf("DI数量:%d\r\n", sdk::sdk_read_di_num());
   std::printf("DO数量:%d\r\n", sdk::sdk_read_do_num());
+}
+
+void com_loop_pass() {
+  for (int n = 1; n <= sdk::sdk_read_com_num(); ++n) {
+    const PointName name("Uart", n);
+    char buf[kReadSize + 1] = {};  // printed as text: terminated behind what came
+    const int got = ReadUart(name.text, buf, kReadSize, 0);
+    if (got <= 0) continue;
+    std::printf("收到串口%d的数据,数据长度：%d,数据内容(ASCII):%s\r\n", n, got, buf);
+    std::fflush(stdout);
+    WriteUart(name.text, buf, got);
+  }
+}
+
+void COM_Loop() {
+  std::puts("按CTRL+C退出\r");
+  std::printf("收到串口数据原样送出;COM——MAX=%d\r\n", sdk::sdk_read_com_num());
+  std::fflush(stdout);
+  for (;;) com_loop_pass();
+}
+
+void START_PPP0() {
+  DialDial(nullptr, nullptr);
+  for (int pass = 0; pass < 1000; ++pass) {
+    platform::sleep_s(1);
+    std::fflush(stdout);  // ifconfig writes to the console itself, behind what we printed
+    platform::run_command("ifconfig ppp0");
+    if (DialIsOnline() == 0) {
+      std::puts("PPP0拨号成功\r");
+      char info[1024] = {};
+      DialGetStaticInfo(info, sizeof info - 1);
+      std::printf("模块静态信息:%s\r\n", info);
+      std::memset(info, 0, sizeof info);
+      DialGetDynamicInfo(info, sizeof info - 1);
+      std::printf("模块动态信息:%s\r\n", info);
+    } else {
+      std::puts("PPP0未拨号成功\r");
+    }
+    std::fflush(stdout);
+  }
+}
+
+void DO_CONTROL() {
+  const int outputs = sdk::sdk_read_do_num();
+  if (outputs == 0) std::puts("无DO控制板\r");
+  for (int n = 1; n <= outputs; ++n) {
+    const PointName name("DO", n);
+    SetDOValue(name.text, 1);
+    std::printf("set DO %d(%s) 1\r\n", n, name.text);
+    std::fflush(stdout);
+    platform::sleep_s(1);
+  }
+  for (int n = 1; n <= outputs; ++n) {
+    SetDOValue(PointName("DO", n).text, 0);
+    std::printf("set DO %d 0\r\n", n);
+    std::fflush(stdout);
+    platform::sleep_s(1);
+  }
+}
+
+void aidi_read_pass() {
+  for (int n = 1; n <= sdk::sdk_read_ai_num(); ++n) {
+    const PointName name("AI", n);
+    float value = 0;
+    if (GetAIValue(name.text, 0, &value) == 0) {
+      std::printf("AI %02d 电压型 采样值：%f V", n, static_cast<double>(value));
+    } else {
+      std::printf("AI %02d 电压型 采样值失败==%s", n, name.text);
+    }
+    if (GetAIValue(name.text, 1, &value) == 0) {
+      std::printf(" | 电流型 采样值：%f ma\r\n", static_cast<double>(value));
+    } else {
+      std::printf(" | 电流型 采样值失败==%s\r\n", name.text);
+    }
+  }
+  std::printf("DI(0-8) :");
+  for (int n = 1; n <= sdk::sdk_read_di_num(); ++n) {
+    if (n == 9) std::printf("\r\nDI(9-16):");
+    if (n == 17) std::printf("\r\nDI(17-24):");
+    const PointName name("DI", n);
+    int state = 0;
+    if (GetDIValue(name.text, &state) == 0) {
+      std::printf("%d;", state);
+    } else {
+      std::printf("DI%d 采样失败==%s\r\n", n, name.text);
+    }
+  }
+  std::puts("\r");
+  std::fflush(stdout);
+}
+
+void AIDI_READ() {
+  if (sdk::sdk_read_ai_num() == 0) std::puts("AIDI板未检测到\r");
+  for (int pass = 0; pass < 3000; ++pass) {
+    platform::sleep_s(1);
+    aidi_read_pass();
+  }
+}
+
+void* COM_TEST_FUN(void*) {
+  std::puts("按CTRL+C退出软件,退出后如需测试输入 benchkit 继续测试\r");
+  DTUSHARE_init();
+  for (;;) {
+    loopback_send(1);
+    platform::sleep_s(1);
+    loopback_read("串口资源 %s 收到数据异常:收到长度%d 的数据: %s");
+    loopback_report("\r\n串口%02d 发送/接收计数 :  %d/%d");
+    loopback_send(2);
+    platform::sleep_s(1);
+    loopback_read("\r\n串口资源 %s 收到数据异常:收到长度%d 的数据: %s");
+    std::puts("\r");
+    loopback_report("串口%02d 发送/接收计数 :  %d/%d\r\n");
+    std::fflush(stdout);
+  }
 }
 
 namespace {

@@ -110,6 +110,24 @@ int BSP_SET_GPS_PCAS(int mode);
 /* Sets the positioning mode: 1 GPS, 2 BeiDou, 3 both, 0 switches positioning off. */
 int SetPositionMode(int mode);
 
+/* ---- Web reports (the answers of the device's web pages, also printed by the console) ---- */
+
+/* The input report: every analogue input's voltage and current and the digital inputs, into buf
+ * of at least 2048 bytes (a warning about the environment board when it has no inputs). */
+int BSP_GET_AIDI_RT_INFO(char *buf);
+/* The SIM report: ";;" and the state of the SIM card and its network, into buf of at least
+ * 1024 bytes. */
+int BSP_GET_SIM_INFO(char *buf);
+/* Logs the traffic of "Local/Uart/<port>" in hex to /tmp/comlog.log for `limit` writes;
+ * port 0 switches the log off. */
+int BSP_SET_UART_LOG(int port, int limit);
+/* Sets the line of "Local/Uart/<port>", sends cmd_len bytes of cmd, waits wait_sec seconds
+ * (10 for anything above 9) and reads what came back into reply (at most reply_size bytes).
+ * Returns the number of bytes read: 0 for none, -1 for a port that is not a UART 1 to 16 or a
+ * null reply. */
+int BSP_UART_SEND_CMD(int port, int wait_sec, int baud, int data_bits, int stop_bits, int parity,
+                      const char *cmd, int cmd_len, char *reply, int reply_size);
+
 #ifdef __cplusplus
 }
 #endif

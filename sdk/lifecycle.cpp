@@ -15,6 +15,7 @@
 #include "sdk/clock_repair.h"
 #include "sdk/resource_catalogue.h"
 #include "sdk/sdk_leds.h"
+#include "sdk/web_requests.h"
 #include "serial/serial_ports.h"
 #include "support/bounded_text.h"
 #include "support/file_helpers.h"
@@ -83,6 +84,7 @@ extern "C" int InitializeSDK(void) {
   // Give the board links time to answer before the counts are taken from their flags.
   fsu::platform::sleep_s(2);
   BSP_Resource_CHECK();
+  API_WEB_TEST_FUN();
   fsu::board::soft_dog_run(0);
   HW_RESOURCES_CHECK();
   HW_RESOURCES_CHECK_FUN();

@@ -7,8 +7,6 @@
 
 #include "fsusdk.h"
 #include "platform/clock.h"
-#include "platform/command_runner.h"
-#include "platform/sandbox_root.h"
 #include "sdk/resource_catalogue.h"
 #include "serial/extension_link.h"
 #include "serial/serial_ports.h"
@@ -101,7 +99,7 @@ void COM_Attr_Update() {
   const int com = sdk_read_com_num();
   out.append("com_num=%d\r\n", com);
   for (int i = 1; i <= com && i <= 20; ++i) out.append("com%d_attr=%d\r\n", i, SDK_COM_Attr[i - 1].attr.load());
-  platform::run_commandf("rm %s", platform::DevicePath(kAttrFile).c_str());
+  support::remove_file(kAttrFile);
   support::Update_InfoToFile(kAttrFile, text);
 }
 

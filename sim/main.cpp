@@ -19,6 +19,7 @@
 #include "sim/control_client.h"
 #include "sim/sandbox.h"
 #include "sim/uci_file.h"
+#include "sim/web_pages.h"
 
 extern char** environ;
 
@@ -38,6 +39,7 @@ constexpr char kUsage[] =
     "  fsusim ctl --root DIR LINE...\n"
     "      hand control lines (such as \"uart 2 terminal\" or \"ai 3 2.5\") to the board up in\n"
     "      DIR and wait until it has taken them; exits 1 when one was rejected\n"
+    "%s"
     "  fsusim tool NAME ARG...\n"
     "      the simulator's side of a stand-in device tool (uci)\n"
     "port options (N is 1 to 12 for Local/Uart/1 to Local/Uart/12; 1 to 4 are the main\n"
@@ -49,7 +51,7 @@ constexpr char kUsage[] =
     "  --ctl LINE     a control line applied as the board comes up (\"modem row 11\")\n";
 
 int usage(int code) {
-  std::fputs(kUsage, stderr);
+  std::fprintf(stderr, kUsage, fsu::sim::kWebUsage);
   return code;
 }
 
@@ -275,6 +277,18 @@ int command_ctl(int argc, char** argv) {
   return 1;
 }
 
+int command_web(int argc, char** argv) {
+  const char* root_arg = nullptr;
+  std::vector<std::string> unused;
+  int i = 0;
+  if (argc > 0 && board_option(argc, argv, &i, &root_arg, &unused) && unused.empty()) ++i;
+  if (root_arg == nullptr || i >= argc) return usage(kUsageError);
+  std::string root;
+  if (!usable_root(root_arg, &root)) return 1;
+  return fsu::sim::web_command(root, std::span<char* const>(argv + i, static_cast<std::size_t>(argc - i)), stdout,
+                               stderr);
+}
+
 int command_tool(int argc, char** argv) {
   if (argc < 1) return usage(kUsageError);
   // The tools act on a sandbox only, never on the host's own files.
@@ -299,6 +313,7 @@ int main(int argc, char** argv) {
   if (command == "run") return command_run(argc - 2, argv + 2);
   if (command == "up") return command_up(argc - 2, argv + 2);
   if (command == "ctl") return command_ctl(argc - 2, argv + 2);
+  if (command == "web") return command_web(argc - 2, argv + 2);
   if (command == "tool") return command_tool(argc - 2, argv + 2);
   return usage(kUsageError);
 }

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "sim/stand_in_tools.h"
+#include "sim/web_pages.h"
 
 namespace fsu::sim {
 namespace {
@@ -171,6 +172,7 @@ bool remove_sandbox(const std::string& root) {
   if (root.empty() || dir == "/" || lstat((dir + "/sim").c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
     return false;
   }
+  remove_counter_segment(dir);  // the console's segment of this root lives outside the tree
   return nftw(dir.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS | FTW_MOUNT) == 0;
 }
 

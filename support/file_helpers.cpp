@@ -240,6 +240,12 @@ int WriteLOGDATA_To_File(const char* path, const char* text) {
   return write_text_at(path, text, SEEK_END);
 }
 
+int remove_file(const char* path) {
+  if (path == nullptr) return -1;
+  const platform::DevicePath resolved(path);
+  return resolved.ok() && unlink(resolved.c_str()) == 0 ? 0 : -1;
+}
+
 char* syscmd_read(const char* command, char* buf, int size) {
   if (buf == nullptr || size <= 0) return buf;
   std::memset(buf, 0, static_cast<std::size_t>(size));

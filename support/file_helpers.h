@@ -29,6 +29,9 @@ char* BSP_ReadPar(const char* path, const char* key);
 int Update_InfoToFile(const char* path, const char* text);
 int WriteDATA_To_File(const char* path, const char* text);
 int WriteLOGDATA_To_File(const char* path, const char* text);
+// What the device's "rm PATH" does to one file, without starting a shell: 0, or -1 when the
+// file could not be removed (missing included).
+int remove_file(const char* path);
 
 // Shell commands: output of `command`, at most size - 1 bytes, terminated; empty when the
 // output holds "Entry" or "can't". Returns `buf`.

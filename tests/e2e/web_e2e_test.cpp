@@ -1,0 +1,136 @@
+// benchkit on the simulated board as the device's web pages and a person at the console see it:
+// request files answered through `fsusim web`, the menu's test items, and web mode.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "tests/common/console_driver.h"
+#include "tests/common/test_sandbox.h"
+#include "sim/web_pages.h"
+#include "tests/sim/board_fixture.h"
+
+namespace fsu::test {
+namespace {
+
+using sim::poll_until;
+
+const std::string kNoBoard =
+    "环境板通信异常,请打开设备查看主板与环境板之间排线是否连接正常;\r\n如有连接线,可重新插拔下或按压下;\r\n"
+    ";0:开路/断开 信号---- 1:短路/闭合 信号;";
+
+std::vector<std::string> fsusim(const TestSandbox& box, const std::string& command, std::vector<std::string> args) {
+  args.insert(args.begin(), {fsusim_path(), command, "--root", box.root()});
+  return args;
+}
+
+ConsoleDriver benchkit(const TestSandbox& box, std::vector<std::string> options, const char* mode = nullptr) {
+  options.insert(options.end(), {"--", benchkit_path()});
+  if (mode != nullptr) options.push_back(mode);
+  return ConsoleDriver(fsusim(box, "run", options), ConsoleDriver::Mode::kPipes);
+}
+
+// What `fsusim web ARGS` prints, or "failed" when it does not answer.
+std::string page(const TestSandbox& box, const std::vector<std::string>& args) {
+  ConsoleDriver web(fsusim(box, "web", args), ConsoleDriver::Mode::kPipes);
+  return web.wait_exit(30) == 0 ? web.output() : "failed: " + web.output();
+}
+
+TEST(WebPagesOnSimulator, RequestsAnsweredAndItemsOnAUnitWithoutBoards) {
+  TestSandbox box;
+  ConsoleDriver console = benchkit(box, {"--without-boards", "--terminal", "2", "--ctl", "modem unplug"});
+  ASSERT_TRUE(console.wait_for("输入测试项: ", 30)) << console.output();
+  const std::vector<std::pair<std::vector<std::string>, std::string>> asked = {
+      {{"read-aidi"}, kNoBoard},
+      {{"uart", "1", "9600", "8", "1", "0", "7E3130"}, "7E 31 30 "},  // waits 1 s for the reply
+      {{"com-attr", "4", "1"}, "com_num=4\r\ncom1_attr=0\r\ncom2_attr=0\r\ncom3_attr=0\r\ncom4_attr=1\r\n"}};
+  for (const auto& [args, answer] : asked) {
+    const double start = platform::monotonic_seconds();
+    EXPECT_EQ(page(box, args), answer);
+    EXPECT_LT(platform::monotonic_seconds() - start, args[0] == "uart" ? 4.0 : 3.0) << args[0];  // with fsusim's start
+  }
+  std::string db;  // the receiver's signal report once a group of its sentences is complete, then the SIM report
+  EXPECT_TRUE(poll_until(10, [&] {
+    return (db = page(box, {"read-gps-db"})).starts_with("GPS,卫星标识=") && db.ends_with(";;SIM网络检测中...");
+  })) << db;
+  console.send("11\n14\n1\n13\n1\n13\n4\n");
+  ASSERT_TRUE(console.wait_for("串口4 返回数据(20):0123456789ABCDEFGHIJ\r\n", 15)) << console.output();
+  for (const std::string& printed : {"AIDI 数据信息:" + kNoBoard, std::string("串口1 返回数据(20):~10012D92E002FFFCFA\r\r\n")}) {
+    EXPECT_NE(console.output().find(printed), std::string::npos) << printed;
+  }
+  EXPECT_NE(box.read("/tmp/comlog.log").find("]\r\nTX:7E 31 30 30 31 32 44 39 32 45 30 30 32 46 46 46 43 46 41 0D \r\nRX:7E"), std::string::npos);
+
+  console.send("3\n");  // the echo test on a person's terminal at port 2
+  ASSERT_TRUE(console.wait_for("COM——MAX=4", 10));
+  const int person = sim::open_port(sim::terminal_of(box, "uart 2 "), B9600);
+  sim::put(person, "hello");
+  EXPECT_EQ(sim::take(person, 5, 5), "hello");
+  EXPECT_TRUE(console.wait_for("收到串口2的数据,数据长度：", 5));  // in one piece or more, as the reader took it
+}
+
+TEST(WebPagesOnSimulator, OutputsOneByOneThenTheFactoryLoopbackOnTheBoards) {
+  TestSandbox box;
+  ConsoleDriver console = benchkit(box, {});
+  ASSERT_TRUE(console.wait_for("输入测试项: ", 30)) << console.output();
+  console.send("5\n");
+  EXPECT_TRUE(poll_until(10, [&] { return sim::state_line(box, "relay 4 ").ends_with("state=on"); }));
+  EXPECT_TRUE(sim::state_line(box, "relay 1 ").ends_with("state=on"));
+  EXPECT_TRUE(poll_until(10, [&] { return sim::state_line(box, "relay 4 ").ends_with("state=off"); }));
+  EXPECT_TRUE(console.wait_for("set DO 1(Local/DO/1) 1\r\n", 1) && console.wait_for("set DO 4 0\r\n", 5));
+  console.send("15\n");  // every port of the unit ends in a loopback plug
+  ASSERT_TRUE(console.wait_for("串口12 发送/接收计数 :  20/20\r\n", 20)) << console.output();
+  EXPECT_EQ(console.output().find("收到数据异常"), std::string::npos) << console.output();
+}
+
+TEST(WebPagesOnSimulator, InputReadingsOfTheBoardsEachSecond) {
+  TestSandbox box;
+  ConsoleDriver console = benchkit(box, {});
+  ASSERT_TRUE(console.wait_for("输入测试项: ", 30)) << console.output();
+  ConsoleDriver(fsusim(box, "ctl", {"ai 3 2.5", "di 9 closed"}), ConsoleDriver::Mode::kPipes).wait_exit(10);
+  std::string aidi;
+  EXPECT_TRUE(poll_until(10, [&] { return (aidi = page(box, {"read-aidi"})).find("AI 03 电压型(0-5V)In:2.5") != std::string::npos; }));
+  EXPECT_TRUE(aidi.starts_with("AI 01 电压型(0-5V)In:0.0") && aidi.find("AI 16 ") != std::string::npos &&
+              aidi.ends_with(";DI9-16: 1 , 0 , 0 , 0 , 0 , 0 , 0 , 0 ,")) << aidi;
+  console.send("6\n");
+  EXPECT_TRUE(console.wait_for("AI 03 电压型 采样值：2.50000", 10)) << console.output();
+  EXPECT_TRUE(console.wait_for(";\r\nDI(9-16):1;0;0;0;0;0;0;0;\r\n", 5)) << console.output();
+}
+
+TEST(WebPagesOnSimulator, WebModeCountsSwitchesOutputsPublishesTheModemAndDialsAgain) {
+  TestSandbox box;
+  ConsoleDriver web = benchkit(box, {"--ctl", "modem unplug"}, "web");  // the link never gets an address
+  ASSERT_TRUE(web.wait_for("按CTRL+C退出软件", 40)) << web.output();
+  const double started = platform::monotonic_seconds();
+  const auto above = [](const sim::PortCounters& a, const sim::PortCounters& b) {
+    return std::ranges::all_of(std::vector{0, 1, 2, 3}, [&](int i) { return a.sent[i] > b.sent[i] && a.received[i] > b.received[i]; });
+  };
+  sim::PortCounters earlier{}, now{};
+  std::string error;
+  for (int round = 0; round < 2; ++round, earlier = now) {
+    EXPECT_TRUE(poll_until(10, [&] { return sim::read_counters(box.root(), &now, &error) && above(now, earlier); })) << error;
+  }
+  EXPECT_TRUE(page(box, {"counters"}).ends_with("port 16 sent=0 received=0\n"));
+  for (const std::string state : {"on", "off"}) {
+    EXPECT_EQ(page(box, {"all-outputs", state}), "");
+    for (const std::string line : {"relay 1 ", "relay 4 ", "12v 1 ", "12v 2 "}) {
+      EXPECT_TRUE(poll_until(5, [&] { return sim::state_line(box, line).ends_with("state=" + state); })) << line;
+    }
+  }
+  EXPECT_TRUE(poll_until(5, [&] { return box.read("/sys/class/gpio/gpio18/value")[0] == '0'; }));  // chase: alarm lit
+  std::remove(box.path("/tmp/NetModuleInfo").c_str());
+  EXPECT_TRUE(poll_until(3, [&] {  // rewritten each second; the signal as the supervisor last set it
+    const std::string info = box.read("/tmp/NetModuleInfo");
+    return info.starts_with("SIM 卡状态: 识别中;SIM 卡ISMI号: ;模块IMEI: ;模块信号强度:") && info.ends_with(";模块网络IP:;");
+  }));
+  const auto dialled_twice = [&] {
+    const std::string log = box.read("/tmp/sdklog.log");
+    return log.find("]:执行拨号动作", log.find("]:执行拨号动作") + 1) != std::string::npos;
+  };
+  EXPECT_TRUE(poll_until(80, dialled_twice));
+  EXPECT_GT(platform::monotonic_seconds() - started, 57.0);
+  EXPECT_EQ(web.output().find("收到数据异常"), std::string::npos) << web.output();
+}
+
+}  // namespace
+}  // namespace fsu::test
