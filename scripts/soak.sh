@@ -51,7 +51,7 @@ if [ "$SOAK_NAMESPACE" = 1 ] && mount -t tmpfs -o size=16m,mode=1777 soak-tmp "$
   tmp_full=yes
 fi
 # The unit's parts beyond the serial boards that the campaign loads and faults.
-features=(--modem --gps)
+features=(--web --modem --gps)
 rc=0
 python3 scripts/soak.py run "${features[@]}" --minutes "$minutes" --root "$SOAK_OUT/root" --out "$SOAK_OUT" \
   --fsusim "$SOAK_BUILD/fsusim" --app "$SOAK_BUILD/bench/soak_unit" --build-kind "$SOAK_KIND" \
