@@ -10,11 +10,13 @@
 #   fuzz      every fuzz target for 30 s on its seeds (scripts/fuzz.sh) build-fuzz/
 #   coverage  gcc --coverage, the suite, line coverage per folder       build-cov/
 #   armhf     cross build for the board, unit tests under qemu-arm      build-armhf/
+#   soak      3 minutes of the soak and fault campaign (scripts/soak.sh) on the release build
+#             and on the ASan+UBSan build                                build-soak[-asan]/
 # Every stage runs even when an earlier one failed; the run fails when any stage failed.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
-all_stages=(werror asan tsan fuzz coverage armhf)
+all_stages=(werror asan tsan fuzz coverage armhf soak)
 stages=("$@")
 [ ${#stages[@]} -gt 0 ] || stages=("${all_stages[@]}")
 for stage in "${stages[@]}"; do
@@ -93,6 +95,14 @@ stage_armhf() {
     cmake --build build-armhf -j2 &&
     arm-linux-gnueabihf-readelf -h build-armhf/benchkit | grep -E 'Class|Machine|Flags' &&
     suite build-armhf -L unit
+}
+
+# Both runs even when the first fails, so that one log shows both.
+stage_soak() {
+  local rc=0
+  bash scripts/soak.sh 3 || rc=1
+  bash scripts/soak.sh --asan 3 || rc=1
+  return $rc
 }
 
 summary=()
