@@ -1,7 +1,10 @@
 /* Dialling: asks the SDK for the cellular data link, waits for it and reads the modem's
  * information. One request per line of standard input, until the input ends:
  *   dial                  asks for the link (the SDK's LTE thread dials and keeps it up)
- *   online N | offline N  waits up to N s for the link to be up (down); prints how long it took
+ *   online N | offline N  waits up to N s for the link to be up (down); prints how long it took.
+ *                         While it waits to be online it asks for the link again every 20 s, as an
+ *                         application's link watchdog should: a request that comes while the modem
+ *                         cannot be dialled (unplugged, restarting) is dropped.
  *   info                  the modem's static and dynamic information (JSON texts)
  *   soft                  restarts the modem (AT command)
  *
@@ -22,9 +25,14 @@ static double now(void) {
 /* Polls DialIsOnline (0 online, -1 not) every 100 ms until it gives `want` or `seconds` pass. */
 static void wait_link(int want, int seconds) {
   const double start = now();
+  double asked = start;
   while (DialIsOnline() != want && now() - start < seconds) {
     const struct timespec nap = {0, 100000000};
     nanosleep(&nap, NULL);
+    if (want == 0 && now() - asked >= 20) {
+      DialDial("", "");
+      asked = now();
+    }
   }
   printf("%s %s after %.1f s\n", want == 0 ? "online" : "offline", DialIsOnline() == want ? "reached" : "missed",
          now() - start);

@@ -101,7 +101,7 @@ TEST(ModemRecovery, PulledAndPluggedBackIsFoundAgainAndRedials) {
   TestSandbox box;
   DialApp app(box, kQuickModem);
   ASSERT_TRUE(app.ask("dial", "dial 0", 1, 5));
-  ASSERT_TRUE(app.ask("online 40", "online reached", 1, 45)) << app.output();
+  ASSERT_TRUE(app.ask("online 60", "online reached", 1, 65)) << app.output();
   control(box, {"modem unplug"});
   const long lsusb_before = static_cast<long>(box.calls().size());
   ASSERT_TRUE(poll_until(10, [&] { return box.calls().find("lsusb", lsusb_before) != std::string::npos; }));
@@ -109,7 +109,7 @@ TEST(ModemRecovery, PulledAndPluggedBackIsFoundAgainAndRedials) {
   const double back = platform::monotonic_seconds();
   ASSERT_TRUE(app.ask("offline 20", "offline reached", 1, 25)) << app.output();
   ASSERT_TRUE(app.ask("dial", "dial 0", 2, 5));
-  ASSERT_TRUE(app.ask("online 40", "online reached", 2, 45)) << app.output();
+  ASSERT_TRUE(app.ask("online 60", "online reached", 2, 65)) << app.output();
   report("modem plugged back", back);
 }
 
@@ -127,7 +127,7 @@ TEST(ModemRecovery, APortSilentForAMinuteLeavesNoThreadStuck) {
   // Queries resume, and a dial request is served.
   ASSERT_TRUE(poll_until(20, [&] { return modem_count(box, "commands") > heard + 2; }));
   ASSERT_TRUE(app.ask("dial", "dial 0", 1, 5));
-  ASSERT_TRUE(app.ask("online 40", "online reached", 1, 45)) << app.output();
+  ASSERT_TRUE(app.ask("online 60", "online reached", 1, 65)) << app.output();
   report("AT port silent for a minute", back);
 }
 
@@ -135,14 +135,14 @@ TEST(ModemRecovery, ADroppedLinkDarkensTheNetLedUntilADialBringsItBack) {
   TestSandbox box;
   DialApp app(box, kQuickModem);
   ASSERT_TRUE(app.ask("dial", "dial 0", 1, 5));
-  ASSERT_TRUE(app.ask("online 40", "online reached", 1, 45)) << app.output();
+  ASSERT_TRUE(app.ask("online 60", "online reached", 1, 65)) << app.output();
   EXPECT_TRUE(poll_until(5, [&] { return state_line(box, "led net ").find("state=lit") != std::string::npos; }));
   control(box, {"modem link-drop"});
   const double dropped = platform::monotonic_seconds();
   ASSERT_TRUE(app.ask("offline 10", "offline reached", 1, 15)) << app.output();
   EXPECT_TRUE(poll_until(5, [&] { return state_line(box, "led net ").find("state=dark") != std::string::npos; }));
   ASSERT_TRUE(app.ask("dial", "dial 0", 2, 5));
-  ASSERT_TRUE(app.ask("online 40", "online reached", 2, 45)) << app.output();
+  ASSERT_TRUE(app.ask("online 60", "online reached", 2, 65)) << app.output();
   EXPECT_TRUE(poll_until(5, [&] { return state_line(box, "led net ").find("state=lit") != std::string::npos; }));
   report("link dropped", dropped);
   ASSERT_TRUE(app.ask("info", "dynamic {", 1, 5)) << app.output();
