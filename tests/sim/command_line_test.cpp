@@ -1,5 +1,4 @@
-// The fsusim command line as scripts and people use it: `run` passes a command's streams and
-// status through and cleans up after itself, `up` holds a board until it is told to stop.
+// The fsusim command line as scripts and people use it.
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -15,12 +14,11 @@ namespace {
 
 const std::string kFsusim = test::fsusim_path();
 
-TEST(FsusimRun, PassesStatusStreamsAndTheBoardsEnvironmentAndRemovesItsTemporaryRoot) {
+TEST(FsusimRun, PassesStatusStreamsAndEnvironmentRemovesItsOwnRootKeepsAGivenOneAndRefusesBadUse) {
   test::TestSandbox box;
   for (const auto& [command, status] : {std::pair{"sh -c 'exit 7'", 7}, {"sh -c 'kill -TERM $$'", 128 + SIGTERM},
-                                        {"no-such-command-here 2>/dev/null", 127}}) {
+                                        {"no-such-command-here 2>/dev/null", 127}})
     EXPECT_EQ(exit_code(kFsusim + " run -- " + command), status) << command;
-  }
   const std::string streams = capture("printf 'in put' | " + kFsusim + " run -- sh -c 'cat; echo err >&2' 2>&1");
   EXPECT_EQ(streams.substr(streams.find('\n') + 1), "in puterr\n");  // after the board's line
 
@@ -33,14 +31,10 @@ TEST(FsusimRun, PassesStatusStreamsAndTheBoardsEnvironmentAndRemovesItsTemporary
   EXPECT_NE(out.find("\n" + root + "\n" + root + "/bin:"), std::string::npos) << out;
   EXPECT_EQ(out.substr(out.size() - 2), "2\n");
   EXPECT_FALSE(box.exists("/tmp/" + root.substr(root.rfind('/') + 1)));
-}
 
-TEST(FsusimRun, KeepsAGivenRootAndRefusesBadUse) {
-  test::TestSandbox box;
   const std::string unit = box.path("/tmp/unit");
   EXPECT_EQ(exit_code(kFsusim + " run --root " + unit + " -- reboot"), 0);
-  EXPECT_EQ(box.read("/tmp/unit/sim/calls.log"), "reboot\n");
-  EXPECT_FALSE(box.exists("/tmp/unit/sim/board.pid"));
+  EXPECT_TRUE(box.read("/tmp/unit/sim/calls.log") == "reboot\n" && !box.exists("/tmp/unit/sim/board.pid"));
 
   // Bad use names what is wrong; a root that a failed command made is removed again.
   const std::string fresh = box.path("/tmp/fresh");
@@ -57,13 +51,11 @@ TEST(FsusimRun, KeepsAGivenRootAndRefusesBadUse) {
   EXPECT_FALSE(box.exists("/tmp/fresh"));
   EXPECT_EQ(capture(kFsusim + " --version"), "fsusim 1.0.9\n");
   EXPECT_EQ(exit_code(kFsusim + " --help >/dev/null"), 0);
-  for (const std::string& args : std::vector<std::string>{" run --root '/tmp/a b' -- true",
-                                 " ctl --root " + unit + " 'uart 1 silent'"}) {  // the last: no board up
-    EXPECT_EQ(exit_code(kFsusim + args + " 2>/dev/null"), 1) << args;
-  }
+  for (const std::string& args : {std::string(" run --root '/tmp/a b' -- true"), " ctl --root " + unit + " 'uart 1 silent'"})
+    EXPECT_EQ(exit_code(kFsusim + args + " 2>/dev/null"), 1) << args;  // the last: no board up
 }
 
-TEST(FsusimUp, HoldsTheBoardTakesControlLinesAndGoesDownOnSigterm) {
+TEST(FsusimUp, HoldsTheBoardTakesControlLinesAndGoesDownOnSigtermOrWhenKilled) {
   test::TestSandbox box;
   const std::string unit = box.path("/tmp/unit");
   std::string error;
@@ -74,8 +66,7 @@ TEST(FsusimUp, HoldsTheBoardTakesControlLinesAndGoesDownOnSigterm) {
   ASSERT_TRUE(up.wait_for("(CTRL+C stops the board)", 5)) << up.output();
   EXPECT_NE(up.output().find("FSU_ROOT=" + unit + " PATH=" + unit + "/bin:$PATH"), std::string::npos) << up.output();
   EXPECT_NE(up.output().find("fsusim: Local/Uart/2 terminal: /dev/pts/"), std::string::npos) << up.output();
-  EXPECT_NE(box.read("/tmp/unit/sim/state").find("uart 3 device=/dev/ttymxc3 for=Local/Uart/3 mode=silent"),
-            std::string::npos);
+  EXPECT_NE(box.read("/tmp/unit/sim/state").find("uart 3 device=/dev/ttymxc3 for=Local/Uart/3 mode=silent"), std::string::npos);
   EXPECT_EQ(box.read("/tmp/unit/sys/class/gpio/gpio8/value"), "0\n");
   EXPECT_EQ(exit_code(kFsusim + " run --root " + unit + " -- true 2>/dev/null"), 1);  // one board per root
 
@@ -87,19 +78,12 @@ TEST(FsusimUp, HoldsTheBoardTakesControlLinesAndGoesDownOnSigterm) {
             "fsusim: \"frob\": unknown command (commands: uart, port, board, env, ai, di, modem, gps)\n1\n");
   EXPECT_TRUE(up.wait_for("fsusim: control: \"frob\"", 2)) << up.output();
 
-  const pid_t pid = std::stoi(box.read("/tmp/unit/sim/board.pid"));
-  ASSERT_EQ(kill(pid, SIGTERM), 0);
+  ASSERT_EQ(kill(std::stoi(box.read("/tmp/unit/sim/board.pid")), SIGTERM), 0);
   EXPECT_EQ(up.wait_exit(5), 0);
-  EXPECT_FALSE(box.exists("/tmp/unit/sim/board.pid"));
-  EXPECT_FALSE(box.exists("/tmp/unit/dev/ttymxc1"));
+  EXPECT_FALSE(box.exists("/tmp/unit/sim/board.pid") || box.exists("/tmp/unit/dev/ttymxc1"));
   EXPECT_EQ(box.read("/tmp/unit/sim/state"), "board down\n");
-}
-
-TEST(FsusimUp, ABoardWhoseProcessIsKilledIsShownDown) {
-  test::TestSandbox box;
-  const std::string unit = box.path("/tmp/unit");
-  test::ConsoleDriver up({kFsusim, "up", "--root", unit}, test::ConsoleDriver::Mode::kPipes);
-  ASSERT_TRUE(up.wait_for("(CTRL+C stops the board)", 5)) << up.output();
+  test::ConsoleDriver killed({kFsusim, "up", "--root", unit}, test::ConsoleDriver::Mode::kPipes);  // and when killed
+  ASSERT_TRUE(killed.wait_for("(CTRL+C stops the board)", 5)) << killed.output();
   ASSERT_EQ(kill(std::stoi(box.read("/tmp/unit/sim/board.pid")), SIGKILL), 0);
   EXPECT_TRUE(poll_until(5, [&] { return box.read("/tmp/unit/sim/state") == "board down\n"; }));
   EXPECT_FALSE(box.exists("/tmp/unit/sim/board.pid") || box.exists("/tmp/unit/dev/ttymxc1"));  // gone before
