@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <regex>
 #include <string>
 #include <thread>
@@ -16,33 +15,26 @@
 namespace fsu::support {
 namespace {
 
-class SdkLogTest : public ::testing::Test {
- protected:
+struct SdkLogTest : ::testing::Test {
   void SetUp() override { reset_log_for_tests(); }
   test::TestSandbox sandbox_;
 };
 
 TEST(SdkLogHeader, IsByteExactForEveryLevel) {
-  std::tm t{};
-  t.tm_year = 126, t.tm_mon = 2, t.tm_mday = 4, t.tm_hour = 9, t.tm_min = 5, t.tm_sec = 7;
+  const std::tm t{.tm_sec = 7, .tm_min = 5, .tm_hour = 9, .tm_mday = 4, .tm_mon = 2, .tm_year = 126};
   char buf[kLogHeaderSize];
-  format_log_header(buf, sizeof buf, SDK_LOG_DEBUG, t, 42999, 17);  // milliseconds, unpadded
-  EXPECT_STREQ(buf, "\r\n[2026-03-04 09:05:07.42 sdk_DEBUG Line=0000000017]:");
-  const char* words[] = {"OTHER", "SQL  ", "ERROR", "NET  ", "SO   ",
-                         "SYS  ", "PIC  ", "OTHER", "DEBUG", "OTHER"};
+  const char* words[] = {"OTHER", "SQL  ", "ERROR", "NET  ", "SO   ", "SYS  ", "PIC  ", "OTHER", "DEBUG", "OTHER"};
   for (int level : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 42, -1}) {
-    format_log_header(buf, sizeof buf, level, t, 5000, 3);
-    EXPECT_EQ(std::string(buf), "\r\n[2026-03-04 09:05:07.5 sdk_" +
-                                    std::string(words[level >= 0 && level <= 9 ? level : 0]) +
-                                    " Line=0000000003]:");
+    format_log_header(buf, sizeof buf, level, t, 42999, 17);  // milliseconds, unpadded
+    EXPECT_EQ(std::string(buf), "\r\n[2026-03-04 09:05:07.42 sdk_" + std::string(words[level >= 0 && level <= 9 ? level : 0]) +
+                                    " Line=0000000017]:");
   }
 }
 
 TEST_F(SdkLogTest, EachLevelReadsItsOwnSettingAndUsesANumber) {
   auto& p = STR_LOG_PAR;
   const auto fields = {&p.sql, &p.error, &p.net, &p.so, &p.sys, &p.pic, &p.other, &p.debug};  // levels 1 to 8
-  int setting = 11;
-  for (auto* f : fields) f->store(setting++);
+  for (int setting = 11; auto* f : fields) f->store(setting++);
   char buf[kLogHeaderSize];
   for (int level = 1; level <= 8; ++level) EXPECT_EQ(SDK_UPDATE_LOG_HEADER(level, buf), 10 + level);
   for (int level : {0, 9, 42, -5}) EXPECT_EQ(SDK_UPDATE_LOG_HEADER(level, buf), 17);  // as "other"
@@ -76,7 +68,7 @@ TEST_F(SdkLogTest, SuppressedAndDroppedRecordsTouchNothingButUseNumbers) {
   EXPECT_TRUE(std::regex_match(sandbox_.read(kLogFile), record)) << sandbox_.read(kLogFile);
 }
 
-TEST_F(SdkLogTest, RotatesOnlyAboveTwoMebibytesAndCutsLongRecords) {
+TEST_F(SdkLogTest, RotatesOnlyAboveTwoMebibytesAndNotAgainForAMinuteAfterAFailureAndCutsLongRecords) {
   SDK_LOG_PAR_INIT();
   sandbox_.write(kLogFile, std::string(kLogRotateSize, 'x'));
   SDK_LOG_WRITE(SDK_LOG_SYS, "kept");
@@ -90,10 +82,17 @@ TEST_F(SdkLogTest, RotatesOnlyAboveTwoMebibytesAndCutsLongRecords) {
   sandbox_.write(kLogFile, std::string(kLogRotateSize + 1, 'x'));
   SDK_LOG_WRITE(SDK_LOG_SYS, "again");  // and the next time the log is too large
   EXPECT_LT(getfilesize(kLogFile), 100);
-
   std::filesystem::remove(sandbox_.path(kLogFile));
   EXPECT_EQ(SDK_LOG_WRITE(SDK_LOG_SYS, "%s", std::string(200000, 'm').c_str()), 1);
   EXPECT_EQ(getfilesize(kLogFile), 102398);
+  // A log that cannot be moved aside is tried again only after a minute.
+  sandbox_.write(kLogFile, std::string(kLogRotateSize + 1, 'x'));
+  std::filesystem::remove(sandbox_.path(kLogZip));
+  std::filesystem::create_directories(sandbox_.path("/tmp/sdklog.log.1/full"));  // the move fails
+  SDK_LOG_WRITE(SDK_LOG_SYS, "first");
+  std::filesystem::remove_all(sandbox_.path("/tmp/sdklog.log.1"));
+  SDK_LOG_WRITE(SDK_LOG_SYS, "second");  // the move would work now
+  EXPECT_TRUE(getfilesize(kLogFile) > kLogRotateSize && !sandbox_.exists(kLogZip));
   std::filesystem::remove_all(sandbox_.path("/tmp"));  // an unwritable log still counts as output
   EXPECT_EQ(SDK_LOG_WRITE(SDK_LOG_SYS, "lost"), 1);
 }
@@ -110,34 +109,19 @@ TEST_F(SdkLogTest, CallerTextCannotStartARecord) {
   EXPECT_EQ(std::count(log.begin(), log.end(), '\r'), log_record_count());
 }
 
-TEST_F(SdkLogTest, ALogThatCannotBeMovedAsideIsTriedAgainOnlyAfterAMinute) {
-  SDK_LOG_PAR_INIT();
-  sandbox_.write(kLogFile, std::string(kLogRotateSize + 1, 'x'));
-  std::filesystem::create_directories(sandbox_.path("/tmp/sdklog.log.1/full"));  // the move fails
-  SDK_LOG_WRITE(SDK_LOG_SYS, "first");
-  std::filesystem::remove_all(sandbox_.path("/tmp/sdklog.log.1"));
-  SDK_LOG_WRITE(SDK_LOG_SYS, "second");  // the move would work now, but not before the minute is up
-  EXPECT_GT(getfilesize(kLogFile), kLogRotateSize);
-  EXPECT_FALSE(sandbox_.exists(kLogZip));
-}
-
 TEST_F(SdkLogTest, ConcurrentRecordsAreWholeAndNumberedInFileOrder) {
   SDK_LOG_PAR_INIT();
   constexpr int kThreads = 8, kRecords = 2000;  // about 1.7 MB: below the rotation size
   const std::string padding(50, 'p');
   std::vector<std::jthread> workers;
-  for (int t = 0; t < kThreads; ++t) {
-    workers.emplace_back([&, t] {
-      for (int i = 0; i < kRecords; ++i) SDK_LOG_WRITE(SDK_LOG_SYS, "t=%d,%s", t, padding.c_str());
-    });
-  }
+  for (int t = 0; t < kThreads; ++t)
+    workers.emplace_back([&, t] { for (int i = 0; i < kRecords; ++i) SDK_LOG_WRITE(SDK_LOG_SYS, "t=%d,%s", t, padding.c_str()); });
   workers.clear();  // joins
   const std::string text = sandbox_.read(kLogFile);
   const std::regex record("\r\n\\[[-0-9: .]+ sdk_SYS   Line=(\\d{10})\\]:t=\\d," + padding);
   int number = 0;  // whole records back to back, numbered in file order
-  for (std::sregex_iterator it(text.begin(), text.end(), record), end; it != end; ++it) {
+  for (std::sregex_iterator it(text.begin(), text.end(), record), end; it != end; ++it)
     ASSERT_TRUE(it->prefix().length() == 0 && std::stoi((*it)[1]) == ++number) << it->str();
-  }
   EXPECT_EQ(number, kThreads * kRecords);
 }
 
