@@ -1,4 +1,3 @@
-// The console's line reader: bounded lines, both line ends, the decimal prefix, end of input.
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -25,18 +24,13 @@ std::string lines_of(std::string text, std::size_t size = kLineSize) {
   return out + "^";
 }
 
-TEST(ConsoleLine, ReadsLinesEndedByLineFeedOrCarriageReturnAndCutsLongOnes) {
+TEST(ConsoleLine, ReadsLinesEndedByLineFeedOrCarriageReturnCutsLongOnesAndNumbersConvertLikeADecimalPrefix) {
   EXPECT_EQ(lines_of("12abc\n5\r\r\n7"), "12abc|5|||7|^");  // "\r\n" gives an empty line; the last without its end
   EXPECT_EQ(lines_of(std::string(100000, '9') + "\n2\n"), std::string(1023, '9') + "|2|^");
   EXPECT_EQ(lines_of("", 4), "^");
-}
-
-TEST(ConsoleLine, NumbersConvertLikeADecimalPrefix) {
-  for (const auto& [line, number] : {std::pair{"", 0}, {"abc", 0}, {"  19", 19}, {"0012", 12}, {"12abc", 12},
-                                     {"-3x", -3}, {"+8893", 8893}, {"-99999999999999", INT_MIN},
-                                     {"99999999999999", INT_MAX}}) {
+  for (const auto& [line, number] : {std::pair{"", 0}, {"abc", 0}, {"  19", 19}, {"0012", 12}, {"12abc", 12}, {"-3x", -3},
+                                     {"+8893", 8893}, {"-99999999999999", INT_MIN}, {"99999999999999", INT_MAX}})
     EXPECT_EQ(console_number(line), number) << line;
-  }
   EXPECT_EQ(console_number(nullptr), 0);
 }
 

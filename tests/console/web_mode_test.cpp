@@ -1,5 +1,4 @@
-// Web mode's threads one pass at a time in a sandbox: the counter segment as the page reads it,
-// output requests and the PPP watchdog.
+// Web mode's threads one pass at a time in a sandbox.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -34,12 +33,8 @@ TEST(WebMode, CounterSegmentIsTheSandboxsOwnAndAnotherStartClearsIt) {
 
 TEST(WebMode, OutputRequestsSwitchBothTwelveVoltLinesAndEveryRelay) {
   test::TestSandbox box;
-  const struct {
-    std::vector<std::string> files;
-    int outputs;
-    const char* lines;  // GPIO 8 and 5 afterwards
-    int relays;         // -1: no relay request
-  } cases[] = {{{"open", "close"}, 4, "xx", -1}, {{"close"}, 4, "00", 0}, {{"open"}, 0, "11", -1}, {{"open"}, 4, "11", 1}};
+  const struct { std::vector<std::string> files; int outputs; const char* lines; int relays; } cases[] = {  // lines: GPIO 8, 5
+      {{"open", "close"}, 4, "xx", -1}, {{"close"}, 4, "00", 0}, {{"open"}, 0, "11", -1}, {{"open"}, 4, "11", 1}};  // -1: none
   for (const auto& c : cases) {
     serial::clear_env_info();
     box.write("/sys/class/gpio/gpio8/value", "x"), box.write("/sys/class/gpio/gpio5/value", "x");
@@ -47,26 +42,21 @@ TEST(WebMode, OutputRequestsSwitchBothTwelveVoltLinesAndEveryRelay) {
     sdk::STR_SYSTEM_RESOURCES_NUM.do_.store(c.outputs);
     aodo_listen_pass();
     EXPECT_EQ(std::string({gpio(box, 8), gpio(box, 5)}), c.lines) << c.files.size();
-    for (int i = 0; i < 4; ++i) {
-      EXPECT_EQ(serial::STR_BSP_ENV_INFO.ucDoSetFlag[i] * 2 + serial::STR_BSP_ENV_INFO.ucDoSetValue[i],
-                c.relays < 0 ? 0 : 2 + c.relays);  // flag and value
-    }
+    for (int i = 0; i < 4; ++i)  // flag and value
+      EXPECT_EQ(serial::STR_BSP_ENV_INFO.ucDoSetFlag[i] * 2 + serial::STR_BSP_ENV_INFO.ucDoSetValue[i], c.relays < 0 ? 0 : 2 + c.relays);
     for (const std::string& f : c.files) EXPECT_EQ(std::remove(box.path("/tmp/set_all_doao_" + f).c_str()) == 0, c.files.size() == 2);
   }
 }
 
 TEST(WebMode, PppWatchdogDialsAgainAfter61SecondsWithoutAnAddressAndPublishesTheModem) {
   test::TestSandbox box;
-  lte::ntu_set_text(lte::NtuText::cimi, "460011234567890");
-  lte::ntu_set_text(lte::NtuText::csq, "-71");
+  lte::ntu_set_text(lte::NtuText::cimi, "460011234567890"), lte::ntu_set_text(lte::NtuText::csq, "-71");
   PppWatch watch;
   for (int second = 1; second <= 61; ++second) {
-    lte::NTU.pppdstart.store(0);
-    ppp0_listen_pass(watch);
+    lte::NTU.pppdstart.store(0), ppp0_listen_pass(watch);
     ASSERT_EQ(lte::NTU.pppdstart.load(), second == 61) << second;
   }
-  lte::ntu_set_text(lte::NtuText::lteip, "10.64.12.34");
-  lte::NTU.pppdstart.store(0);
+  lte::ntu_set_text(lte::NtuText::lteip, "10.64.12.34"), lte::NTU.pppdstart.store(0);
   for (int second = 0; second < 70; ++second) ppp0_listen_pass(watch);
   EXPECT_EQ(std::vector({lte::NTU.pppdstart.load(), lte::NTU.CardStat.load()}), std::vector({0, 1}));
   EXPECT_EQ(box.read("/tmp/NetModuleInfo"),
