@@ -1,4 +1,3 @@
-// Web mode's threads one pass at a time in a sandbox.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -17,7 +16,9 @@ namespace {
 
 char gpio(const test::TestSandbox& box, int line) { return (box.read("/sys/class/gpio/gpio" + std::to_string(line) + "/value") + "?")[0]; }
 
-TEST(WebMode, CounterSegmentIsTheSandboxsOwnAndAnotherStartClearsIt) {
+// Web mode's threads one pass at a time: the counter segment is the sandbox's own and another start clears it,
+// output requests switch both 12 V lines and every relay, the PPP watchdog dials again and publishes the modem.
+TEST(WebMode, CountersOutputRequestsAndThePppWatchdog) {
   const auto key = [](const char* root) { return platform::shared_memory_key_in(root, 1236); };
   EXPECT_TRUE(key("/") == 1236 && key("/tmp/a//b/") == key("/tmp/a/b") && key("/tmp/a/b") != key("/tmp/a/c"));
   test::TestSandbox box;
@@ -29,10 +30,6 @@ TEST(WebMode, CounterSegmentIsTheSandboxsOwnAndAnotherStartClearsIt) {
     ASSERT_TRUE(sim::read_counters(box.root(), &seen, &error)) << error;
     EXPECT_EQ(std::vector({seen.sent[0], seen.received[0], seen.received[15]}), expected);
   }
-}
-
-TEST(WebMode, OutputRequestsSwitchBothTwelveVoltLinesAndEveryRelay) {
-  test::TestSandbox box;
   const struct { std::vector<std::string> files; int outputs; const char* lines; int relays; } cases[] = {  // lines: GPIO 8, 5
       {{"open", "close"}, 4, "xx", -1}, {{"close"}, 4, "00", 0}, {{"open"}, 0, "11", -1}, {{"open"}, 4, "11", 1}};  // -1: none
   for (const auto& c : cases) {
@@ -46,13 +43,9 @@ TEST(WebMode, OutputRequestsSwitchBothTwelveVoltLinesAndEveryRelay) {
       EXPECT_EQ(serial::STR_BSP_ENV_INFO.ucDoSetFlag[i] * 2 + serial::STR_BSP_ENV_INFO.ucDoSetValue[i], c.relays < 0 ? 0 : 2 + c.relays);
     for (const std::string& f : c.files) EXPECT_EQ(std::remove(box.path("/tmp/set_all_doao_" + f).c_str()) == 0, c.files.size() == 2);
   }
-}
-
-TEST(WebMode, PppWatchdogDialsAgainAfter61SecondsWithoutAnAddressAndPublishesTheModem) {
-  test::TestSandbox box;
   lte::ntu_set_text(lte::NtuText::cimi, "460011234567890"), lte::ntu_set_text(lte::NtuText::csq, "-71");
   PppWatch watch;
-  for (int second = 1; second <= 61; ++second) {
+  for (int second = 1; second <= 61; ++second) {  // 61 s without an address
     lte::NTU.pppdstart.store(0), ppp0_listen_pass(watch);
     ASSERT_EQ(lte::NTU.pppdstart.load(), second == 61) << second;
   }
