@@ -15,7 +15,7 @@
 namespace fsu::support {
 namespace {
 
-TEST(FileHelpersTest, ReadParFindsValuesInTextBinaryAndLargeFiles) {
+TEST(FileHelpersTest, ReadParWritesReadsHexLogsAndTimes) {
   test::TestSandbox box;
   const auto par = [&](const std::string& text, const char* key) -> std::string {
     box.write("/tmp/req", text);
@@ -36,10 +36,7 @@ TEST(FileHelpersTest, ReadParFindsValuesInTextBinaryAndLargeFiles) {
     big.replace(at, 11, "WaitSec=77;");
     EXPECT_EQ(par(big, "WaitSec"), "77") << at;
   }
-}
 
-TEST(FileHelpersTest, WritesAppendOverwriteAndCreateAndTimesConvert) {
-  test::TestSandbox box;
   const int wrote[] = {WriteDATA_To_File("/tmp/out", "12345"), WriteLOGDATA_To_File("/tmp/out", "678"),
                        Update_InfoToFile("/tmp/out", "AB")};  // in this order
   EXPECT_EQ(wrote[0] + wrote[1] + wrote[2], 3);
@@ -61,10 +58,7 @@ TEST(FileHelpersTest, WritesAppendOverwriteAndCreateAndTimesConvert) {
   setenv("TZ", "UTC", 1), tzset();
   EXPECT_STREQ(Return_systime_string(0), "1970-01-01 00:00:00");
   EXPECT_TRUE(strtotime("2026-03-04 09:05:07") == 1772615107 && strtotime("not a date") == -1);
-}
 
-TEST(FileHelpersTest, HexLogRecordsAndTheirLimits) {
-  test::TestSandbox box;
   const unsigned char tx[] = {0x01, 0x03, 0x00, 0x0A, 0xC5}, rx[] = {0x01, 0x83, 0xFF};
   BSP_SAVE_HEX_LOG("Local/Uart/3", tx, 5, 0, 1000, 12);
   BSP_SAVE_HEX_LOG("Local/Uart/3", rx, 3, 1, 1000, 12);
