@@ -1,4 +1,3 @@
-// The fsusim command line as scripts and people use it.
 #include <gtest/gtest.h>
 
 #include <csignal>

@@ -1,4 +1,3 @@
-// The sandbox maker and the stand-in device tools as the SDK meets them (recorded, never reaching the host).
 #include <gtest/gtest.h>
 
 #include <cstdlib>
