@@ -20,7 +20,7 @@ struct SdkLogTest : ::testing::Test {
   test::TestSandbox sandbox_;
 };
 
-TEST(SdkLogHeader, IsByteExactForEveryLevel) {
+TEST_F(SdkLogTest, HeaderIsByteExactAndEachLevelReadsItsOwnSettingAndUsesANumber) {
   const std::tm t{.tm_sec = 7, .tm_min = 5, .tm_hour = 9, .tm_mday = 4, .tm_mon = 2, .tm_year = 126};
   char buf[kLogHeaderSize];
   const char* words[] = {"OTHER", "SQL  ", "ERROR", "NET  ", "SO   ", "SYS  ", "PIC  ", "OTHER", "DEBUG", "OTHER"};
@@ -29,13 +29,9 @@ TEST(SdkLogHeader, IsByteExactForEveryLevel) {
     EXPECT_EQ(std::string(buf), "\r\n[2026-03-04 09:05:07.42 sdk_" + std::string(words[level >= 0 && level <= 9 ? level : 0]) +
                                     " Line=0000000017]:");
   }
-}
-
-TEST_F(SdkLogTest, EachLevelReadsItsOwnSettingAndUsesANumber) {
   auto& p = STR_LOG_PAR;
   const auto fields = {&p.sql, &p.error, &p.net, &p.so, &p.sys, &p.pic, &p.other, &p.debug};  // levels 1 to 8
   for (int setting = 11; auto* f : fields) f->store(setting++);
-  char buf[kLogHeaderSize];
   for (int level = 1; level <= 8; ++level) EXPECT_EQ(SDK_UPDATE_LOG_HEADER(level, buf), 10 + level);
   for (int level : {0, 9, 42, -5}) EXPECT_EQ(SDK_UPDATE_LOG_HEADER(level, buf), 17);  // as "other"
   EXPECT_EQ(SDK_UPDATE_LOG_HEADER(SDK_LOG_SYS, nullptr), 0);
@@ -46,7 +42,7 @@ TEST_F(SdkLogTest, EachLevelReadsItsOwnSettingAndUsesANumber) {
   for (auto* f : fields) EXPECT_EQ(f->load(), 0);
 }
 
-TEST_F(SdkLogTest, SuppressedAndDroppedRecordsTouchNothingButUseNumbers) {
+TEST_F(SdkLogTest, SuppressedAndDroppedRecordsTouchNothingButUseNumbersAndCallerTextCannotStartARecord) {
   sandbox_.write(kLogFile, std::string(kLogRotateSize + 1, 'x'));
   EXPECT_EQ(SDK_LOG_WRITE(SDK_LOG_SYS, "silenced"), 0);
   EXPECT_EQ(getfilesize(kLogFile), kLogRotateSize + 1);  // neither written nor rotated
@@ -66,6 +62,16 @@ TEST_F(SdkLogTest, SuppressedAndDroppedRecordsTouchNothingButUseNumbers) {
   const std::regex record("\r\n\\[[-0-9]{10} [0-9:]{8}\\.\\d{1,3} sdk_DEBUG Line=0000000004\\]:"
                           "fun=SoftDogFeed,line =455");
   EXPECT_TRUE(std::regex_match(sandbox_.read(kLogFile), record)) << sandbox_.read(kLogFile);
+
+  // Caller text cannot start a record.
+  EXPECT_STREQ(LogText("a\r\nb\\\x01\tc\x7f中").c_str(), "a\\r\\nb\\\\\\x01\\tc\\x7F中");
+  EXPECT_STREQ(LogText(nullptr).c_str(), "(null)");
+  const char* forged = "/x.gz\r\n[2026-01-01 00:00:00.0 sdk_SYS   Line=0000000099]:forged";
+  char alias[256];
+  UpdateSDK(forged), SetDOValue(forged, 1), WriteUart(forged, "x", 1), ReadResourceAlias(forged, alias, sizeof alias);
+  const std::string log = sandbox_.read(kLogFile);
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), log_record_count() - 3) << log;  // 3 records not in the file
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\r'), log_record_count() - 3);
 }
 
 TEST_F(SdkLogTest, RotatesOnlyAboveTwoMebibytesAndNotAgainForAMinuteAfterAFailureAndCutsLongRecords) {
@@ -95,18 +101,6 @@ TEST_F(SdkLogTest, RotatesOnlyAboveTwoMebibytesAndNotAgainForAMinuteAfterAFailur
   EXPECT_TRUE(getfilesize(kLogFile) > kLogRotateSize && !sandbox_.exists(kLogZip));
   std::filesystem::remove_all(sandbox_.path("/tmp"));  // an unwritable log still counts as output
   EXPECT_EQ(SDK_LOG_WRITE(SDK_LOG_SYS, "lost"), 1);
-}
-
-TEST_F(SdkLogTest, CallerTextCannotStartARecord) {
-  EXPECT_STREQ(LogText("a\r\nb\\\x01\tc\x7f中").c_str(), "a\\r\\nb\\\\\\x01\\tc\\x7F中");
-  EXPECT_STREQ(LogText(nullptr).c_str(), "(null)");
-  SDK_LOG_PAR_INIT();
-  const char* forged = "/x.gz\r\n[2026-01-01 00:00:00.0 sdk_SYS   Line=0000000099]:forged";
-  char alias[256];
-  UpdateSDK(forged), SetDOValue(forged, 1), WriteUart(forged, "x", 1), ReadResourceAlias(forged, alias, sizeof alias);
-  const std::string log = sandbox_.read(kLogFile);
-  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), log_record_count()) << log;
-  EXPECT_EQ(std::count(log.begin(), log.end(), '\r'), log_record_count());
 }
 
 TEST_F(SdkLogTest, ConcurrentRecordsAreWholeAndNumberedInFileOrder) {
