@@ -59,24 +59,17 @@ TEST(FileHelpersTest, ReadParWritesReadsHexLogsAndTimes) {
   EXPECT_STREQ(Return_systime_string(0), "1970-01-01 00:00:00");
   EXPECT_TRUE(strtotime("2026-03-04 09:05:07") == 1772615107 && strtotime("not a date") == -1);
 
-  const unsigned char tx[] = {0x01, 0x03, 0x00, 0x0A, 0xC5}, rx[] = {0x01, 0x83, 0xFF};
-  BSP_SAVE_HEX_LOG("Local/Uart/3", tx, 5, 0, 1000, 12);
-  BSP_SAVE_HEX_LOG("Local/Uart/3", rx, 3, 1, 1000, 12);
+  const unsigned char tx[] = {0x01, 0x03};  // the plain port records: the serial port tests
   BSP_SAVE_HEX_LOG_Virtual("Local/Uart/13", tx, 1, 0, 1000, 1000);
-  const std::regex records(
-      "\r\n\\[[-0-9]{10} [0-9:]{8}\\]:\\[Local/Uart/3\\]\\[00012\\]\r\nTX:01 03 00 0A C5 "
-      "\r\nRX:01 83 FF \r\n\\[[-0-9]{10} [0-9:]{8}\\]:\\[Local/Uart/13\\]"
-      "\\[01000\\(this is a Virtual com\\)\\]\r\nTX:01 \r\nRX\\(this is a Virtual com\\):");
   const std::string log = box.read("/tmp/comlog.log");
-  EXPECT_TRUE(std::regex_match(log, records)) << log;
-  EXPECT_EQ(BSP_SAVE_HEX_LOG("Local/Uart/3", tx, 5, 0, 1000, 1001), -2);
+  EXPECT_TRUE(std::regex_match(log, std::regex("\r\n\\[[-0-9]{10} [0-9:]{8}\\]:\\[Local/Uart/13\\]\\[01000\\(this is a Virtual com\\)\\]"
+                                               "\r\nTX:01 \r\nRX\\(this is a Virtual com\\):"))) << log;
+  EXPECT_EQ(BSP_SAVE_HEX_LOG("Local/Uart/3", tx, 2, 0, 1000, 1001), -2);
   EXPECT_EQ(BSP_SAVE_HEX_LOG("Local/Uart/3", tx, 0, 0, 1000, 1), -1);
-  EXPECT_EQ(BSP_SAVE_DTU_HEX_LOG(rx, -3), -1);
-  EXPECT_EQ(BSP_SAVE_DTU_HEX_LOG(rx, 3), 1);
-  EXPECT_EQ(box.read("/tmp/web_dtu_com_log.log"), "01 83 FF ");
-  const std::string block(10000, '\x5A');  // far more than one record holds
-  BSP_SAVE_DTU_HEX_LOG(reinterpret_cast<const unsigned char*>(block.data()), 10000);
-  EXPECT_EQ(FSU_get_file_size("/tmp/web_dtu_com_log.log"), 9 + 20479);  // cut at the buffer
+  EXPECT_EQ(BSP_SAVE_DTU_HEX_LOG(tx, -3), -1);
+  const std::string block(10000, '\x5A');  // far more than one record holds (short ones: the web request tests)
+  EXPECT_EQ(BSP_SAVE_DTU_HEX_LOG(reinterpret_cast<const unsigned char*>(block.data()), 10000), 1);
+  EXPECT_EQ(FSU_get_file_size("/tmp/web_dtu_com_log.log"), 20479);  // cut at the buffer
 }
 
 }  // namespace
