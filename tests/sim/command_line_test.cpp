@@ -79,8 +79,7 @@ TEST(FsusimUp, HoldsTheBoardTakesControlLinesAndGoesDownOnSigtermOrWhenKilled) {
 
   ASSERT_EQ(kill(std::stoi(box.read("/tmp/unit/sim/board.pid")), SIGTERM), 0);
   EXPECT_EQ(up.wait_exit(5), 0);
-  EXPECT_FALSE(box.exists("/tmp/unit/sim/board.pid") || box.exists("/tmp/unit/dev/ttymxc1"));
-  EXPECT_EQ(box.read("/tmp/unit/sim/state"), "board down\n");
+  EXPECT_EQ(box.read("/tmp/unit/sim/state"), "board down\n");  // what a stopped board leaves: the board tests
   test::ConsoleDriver killed({kFsusim, "up", "--root", unit}, test::ConsoleDriver::Mode::kPipes);  // and when killed
   ASSERT_TRUE(killed.wait_for("(CTRL+C stops the board)", 5)) << killed.output();
   ASSERT_EQ(kill(std::stoi(box.read("/tmp/unit/sim/board.pid")), SIGKILL), 0);
