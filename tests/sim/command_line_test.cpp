@@ -13,7 +13,7 @@ namespace {
 
 const std::string kFsusim = test::fsusim_path();
 
-TEST(FsusimRun, PassesStatusStreamsAndEnvironmentRemovesItsOwnRootKeepsAGivenOneAndRefusesBadUse) {
+TEST(Fsusim, RunPassesStatusStreamsAndEnvironmentKeepsAGivenRootRefusesBadUseAndUpHoldsTheBoard) {
   test::TestSandbox box;
   for (const auto& [command, status] : {std::pair{"sh -c 'exit 7'", 7}, {"sh -c 'kill -TERM $$'", 128 + SIGTERM},
                                         {"no-such-command-here 2>/dev/null", 127}})
@@ -52,11 +52,8 @@ TEST(FsusimRun, PassesStatusStreamsAndEnvironmentRemovesItsOwnRootKeepsAGivenOne
   EXPECT_EQ(exit_code(kFsusim + " --help >/dev/null"), 0);
   for (const std::string& args : {std::string(" run --root '/tmp/a b' -- true"), " ctl --root " + unit + " 'uart 1 silent'"})
     EXPECT_EQ(exit_code(kFsusim + args + " 2>/dev/null"), 1) << args;  // the last: no board up
-}
 
-TEST(FsusimUp, HoldsTheBoardTakesControlLinesAndGoesDownOnSigtermOrWhenKilled) {
-  test::TestSandbox box;
-  const std::string unit = box.path("/tmp/unit");
+  // `up` holds the board, takes control lines and goes down on SIGTERM or when killed.
   std::string error;
   ASSERT_TRUE(make_sandbox(unit, kFsusim, &error)) << error;
   box.write("/tmp/unit/sys/class/gpio/gpio8/value", "1\n");

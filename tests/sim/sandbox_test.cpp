@@ -42,25 +42,7 @@ TEST(Sandbox, HoldsWhatTheSdkNeedsARefreshKeepsTheConfigurationAndNothingLeavesT
   ASSERT_TRUE(make_sandbox(box.root(), fsu::test::fsusim_path(), &error)) << error;  // for the destructor
 }
 
-TEST(UciStandIn, GetSetCommitAndRefusals) {
-  test::TestSandbox box;
-  EXPECT_EQ(capture("uci get dtm.sys.pcas"), "2\n");
-  EXPECT_EQ(exit_code("uci set dtm.sys.pcas_sdk=99999;uci commit && uci set dtm.sys.pcas=3 && uci commit dtm && "
-                      "uci set network.ppp0.device=/dev/ttyUSB3 && uci set network.lan.mtu=1400"), 0);
-  EXPECT_EQ(capture("uci get dtm.sys.pcas_sdk; uci get network.ppp0.device; uci get network.lan.mtu"),
-            "99999\n/dev/ttyUSB3\n1400\n");  // an option added inside the first of two sections
-  EXPECT_EQ(box.read("/etc/config/dtm"), "config dtm 'sys'\n\toption pcas '3'\n\toption pcas_sdk '99999'\n");
-  EXPECT_EQ(box.calls().rfind("uci get dtm.sys.pcas\nuci set dtm.sys.pcas_sdk=99999\nuci commit\nuci set dtm.sys.pcas=3\n", 0), 0u);
-  const std::string dtm = box.read("/etc/config/dtm");
-  EXPECT_EQ(capture("uci get dtm.sys.nothing 2>&1; echo $?"), "uci: Entry not found\n1\n");
-  for (const char* bad : {"uci set nothing.sys.pcas=1", "uci set dtm.nosection.pcas=1", "uci set \"dtm.sys.pcas=it's\"",
-                          "uci set dtm.sys.pcas", "uci get ../../../etc/passwd.x.y", "uci get dtm..pcas"})
-    EXPECT_EQ(capture(std::string(bad) + " 2>&1; echo $?"), "uci: Invalid argument\n1\n") << bad;
-  EXPECT_TRUE(!box.exists("/etc/config/nothing") && box.read("/etc/config/dtm") == dtm);
-  EXPECT_NE(exit_code(std::string("env -u FSU_ROOT ") + test::fsusim_path() + " tool uci get dtm.sys.pcas"), 0);
-}
-
-TEST(StandIns, RecordTheirCommandLinesNeverTouchTheHostAndReachTheModem) {
+TEST(StandIns, RecordTheirCommandLinesNeverTouchTheHostReachTheModemAndKeepUciFiles) {
   test::TestSandbox box;
   const std::time_t before = platform::seconds_now();
   EXPECT_EQ(capture("date -s '2001-01-01 00:00:00'; date --set=2001-01-01; date -us 2001-01-02"),
@@ -87,6 +69,22 @@ TEST(StandIns, RecordTheirCommandLinesNeverTouchTheHostAndReachTheModem) {
   EXPECT_NE(capture("ifconfig").find(ppp0), std::string::npos);
   box.write("/sim/ppp0", "10.1.2.3\n");
   EXPECT_NE(capture("ifconfig ppp0").find("inet addr:10.1.2.3  "), std::string::npos);
+
+  // uci: get, set, commit and refusals
+  EXPECT_EQ(capture("uci get dtm.sys.pcas"), "2\n");
+  EXPECT_EQ(exit_code("uci set dtm.sys.pcas_sdk=99999;uci commit && uci set dtm.sys.pcas=3 && uci commit dtm && "
+                      "uci set network.ppp0.device=/dev/ttyUSB3 && uci set network.lan.mtu=1400"), 0);
+  EXPECT_EQ(capture("uci get dtm.sys.pcas_sdk; uci get network.ppp0.device; uci get network.lan.mtu"),
+            "99999\n/dev/ttyUSB3\n1400\n");  // an option added inside the first of two sections
+  EXPECT_EQ(box.read("/etc/config/dtm"), "config dtm 'sys'\n\toption pcas '3'\n\toption pcas_sdk '99999'\n");
+  EXPECT_NE(box.calls().find("uci get dtm.sys.pcas\nuci set dtm.sys.pcas_sdk=99999\nuci commit\nuci set dtm.sys.pcas=3\n"), std::string::npos);
+  const std::string dtm = box.read("/etc/config/dtm");
+  EXPECT_EQ(capture("uci get dtm.sys.nothing 2>&1; echo $?"), "uci: Entry not found\n1\n");
+  for (const char* bad : {"uci set nothing.sys.pcas=1", "uci set dtm.nosection.pcas=1", "uci set \"dtm.sys.pcas=it's\"",
+                          "uci set dtm.sys.pcas", "uci get ../../../etc/passwd.x.y", "uci get dtm..pcas"})
+    EXPECT_EQ(capture(std::string(bad) + " 2>&1; echo $?"), "uci: Invalid argument\n1\n") << bad;
+  EXPECT_TRUE(!box.exists("/etc/config/nothing") && box.read("/etc/config/dtm") == dtm);
+  EXPECT_NE(exit_code(std::string("env -u FSU_ROOT ") + test::fsusim_path() + " tool uci get dtm.sys.pcas"), 0);
 }
 
 }  // namespace
