@@ -113,8 +113,7 @@ TEST_F(NmeaReader, GsvGroupsFillTheSlotsWhenCompleteAndGsaCountsSatellitesUsed) 
   // Satellites used, counted by talker: GN counts for neither.
   read_batch(nmea("GPGSA,A,3,04,05,,09,12,,,24,,,,,2.5,1.3,2.1") + nmea("BDGSA,A,3,01,02,03,04,05,06,07,08,09,10,11,12,2.5,1.3,2.1,4") +
              nmea("GNGSA,A,3,01,02,03,,,,,,,,,,2.5,1.3,2.1"));
-  EXPECT_EQ(gps_fix().gps_used, 5);
-  EXPECT_EQ(gps_fix().bd_used, 12);
+  EXPECT_EQ(std::pair(gps_fix().gps_used, gps_fix().bd_used), std::pair(5.0f, 12.0f));
 }
 
 TEST_F(NmeaReader, OversizedFieldsAndGsvBlocksStayWithinTheRecord) {

@@ -48,7 +48,6 @@ TEST(PositionMode, FirstStartAppliesTheFactoryDefaultOnceAndCommandsBothSystems)
   GPS_DEFAULT_SET();
   GPS_DEFAULT_SET();
   EXPECT_EQ(unit.box.read("/etc/kq_bd_gps_default"), "1\n");
-  EXPECT_EQ(option("pcas"), "2");
   EXPECT_EQ(unit.box.calls(), "uci set dtm.sys.pcas=2\nuci commit\n");
 
   char report[1024];
@@ -69,8 +68,7 @@ TEST(PositionMode, FirstStartAppliesTheFactoryDefaultOnceAndCommandsBothSystems)
 
 TEST(PositionMode, SettersCompareWithThePcasOptionAndCommandByPcasSdk) {
   const std::string pcas2 = "\toption pcas '2'\n", sdk1 = pcas2 + "\toption pcas_sdk '1'\n";
-  // Each row: the call, what the dtm file holds, and then the wire, pcas, pcas_sdk, PositionMode
-  // and Read_PositionMode.
+  // Each row: the call, the dtm file, then the wire, pcas, pcas_sdk, PositionMode, Read_PositionMode.
   for (const auto& [set, mode, dtm, expected] : {std::tuple{&GPS_SET_PCAS, 1, pcas2, kGpsOnly + "|1|1|1|1"},
                                                  {GPS_SET_PCAS, 2, sdk1, kGpsOnly + "|2|1|1|1"},
                                                  {BSP_SET_GPS_PCAS, 0, pcas2, kBoth + "|0|0|0|0"},
@@ -82,9 +80,7 @@ TEST(PositionMode, SettersCompareWithThePcasOptionAndCommandByPcasSdk) {
     EXPECT_NE(set(mode), -1);
     const std::string where = dtm + " mode " + std::to_string(mode);
     EXPECT_EQ(unit.receiver.drain() + "|" + option("pcas") + "|" + option("pcas_sdk") + "|" + std::to_string(PositionMode.load()) +
-                  "|" + std::to_string(Read_PositionMode()),
-              expected)
-        << where;
+                  "|" + std::to_string(Read_PositionMode()), expected) << where;
     EXPECT_EQ(gps_fix().latitude, 0) << where;
     // Nothing is written when the option already holds the mode.
     EXPECT_EQ(unit.box.calls().find("uci commit") == std::string::npos, mode == 2) << where;
