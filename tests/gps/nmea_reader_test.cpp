@@ -47,14 +47,13 @@ TEST_F(NmeaReader, ParsesOnlyBatchesAboveTheThresholdAndReadsPositionInSinglePre
   EXPECT_EQ(fix.longitude, static_cast<float>(fix.longitude));  // single precision, stored as a double
   EXPECT_FLOAT_EQ(fix.altitude, 592.3f);
 
-  // Sentences that leave the position alone; the GN talker's RMC in the south moves it, positive.
-  std::string lower = kSouth, inner_dollar = kSouth;
-  lower.replace(lower.find("*7A"), 3, "*7a");
-  inner_dollar.insert(20, "$");
+  // Sentences that leave the position alone (checksum in lower case, "$" inside, no fix, cut short,
+  // too long, a NUL); the GN talker's RMC in the south moves it, positive.
   // "$" to "*" at most 200 bytes: a body of 199 characters is the longest taken.
   const auto padded = [](std::size_t size) { return std::string("GPRMC,1,A,2230.000,S,1.0,E,").append(size - 27, ','); };
   for (const std::string& ignored :
-       {lower, inner_dollar, nmea("GPRMC,081836,V,3351.000,S,15112.500,E,,,130998,,"), nmea("GPGGA,123519,,N,01131.000,E,1,08"),
+       {std::string(kSouth).replace(kSouth.find("*7A"), 3, "*7a"), std::string(kSouth).insert(20, "$"),
+        nmea("GPRMC,081836,V,3351.000,S,15112.500,E,,,130998,,"), nmea("GPGGA,123519,,N,01131.000,E,1,08"),
         kSouth.substr(0, kSouth.size() - 5), nmea(padded(200)), std::string("$GPRMC,1,A,33\0", 14) + "*1\r\n"}) {
     read_batch(ignored);
     EXPECT_FLOAT_EQ(static_cast<float>(gps_fix().latitude), 48.1173f) << ignored;
