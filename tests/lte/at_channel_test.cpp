@@ -3,8 +3,6 @@
 
 #include <string>
 
-using namespace std::string_literals;
-
 #include "lte/at_channel.h"
 #include "lte/ntu.h"
 #include "platform/clock.h"
@@ -42,7 +40,7 @@ TEST_F(AtPort, LinesErrorsTimeOutsOverlongLinesAndAClosedPort) {
   EXPECT_STREQ(readline(0), "ok");  // already buffered: no read, no wait
   EXPECT_LT(platform::monotonic_seconds() - start, 0.05);
   EXPECT_STREQ(readline(5), "> ");  // the input prompt has no line end
-  modem.send("\r\nO\0K\r\n"s);      // a NUL byte does not hide the line end behind it
+  modem.send(std::string("\r\nO\0K\r\n", 7));  // a NUL byte does not hide the line end behind it
   EXPECT_EQ(exchange("", "OK"), kAtOk);
   EXPECT_LT(took, 0.5);
   // An overlong line is dropped, and appends stop at the destination.
