@@ -1,14 +1,10 @@
-// The modem's text on arbitrary bytes, three ways, picked by the low two bits of byte 0; the rest
-// of the input is the way's own.
-//   0     the AT line layer: the stream in the pieces the port's reads would deliver
-//         (fuzz/pieces.h), appended to the line buffer, every complete line taken out after
-//         each piece as readline does. A line lies in the line area, terminated, without line ends.
-//   1     the tokenizer and every query's reply parser on reply text, each on its own exact-size
-//         copy (a terminated text of at most 1023 bytes). What they store in the modem record
-//         stays within its fields; the dial texts built from them stay JSON (quotes escaped).
+// The modem's text on arbitrary bytes, three ways picked by the low two bits of byte 0:
+//   0     the AT line layer: the stream in pieces (fuzz/pieces.h) appended to the line buffer,
+//         every complete line taken out after each piece as readline does;
+//   1     every query's reply parser (the tokenizer with them) on exact-size copies of a reply text, and
+//         the dial texts built from what they stored (still JSON: quotes escaped);
 //   2, 3  the key=value reader on file text, with the keys of /tmp/Globalp.ini and the text's
-//         first line as a key: a value is terminated in its 100 bytes without line ends, so
-//         the file written back from it keeps its three lines.
+//         first line as keys, and the file written back from the values (still three lines).
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -27,13 +23,14 @@ namespace {
 
 using namespace fsu::lte;
 
-// A line lies inside the line area, is terminated there and holds no line end.
+// A line lies inside the line area, is terminated there, is not empty (runs of CR and LF make no
+// line) and holds no line end.
 void check_line(const char* line) {
-  if (line < s_ATBuffer || line >= s_ATBuffer + kAtLineArea) __builtin_trap();
-  const std::size_t length = strnlen(line, static_cast<std::size_t>(s_ATBuffer + kAtLineArea - line) + 1);
-  if (line + length > s_ATBuffer + kAtLineArea) __builtin_trap();
-  if (std::strpbrk(line, "\r\n") != nullptr) __builtin_trap();
-  if (length == 0) __builtin_trap();  // runs of CR and LF never make an empty line
+  const char* end = s_ATBuffer + kAtLineArea;
+  if (line < s_ATBuffer || line >= end || line + strnlen(line, static_cast<std::size_t>(end - line) + 1) > end ||
+      std::strpbrk(line, "\r\n") != nullptr || *line == '\0') {
+    __builtin_trap();
+  }
 }
 
 void lines(const uint8_t* data, std::size_t size) {
@@ -59,11 +56,8 @@ std::unique_ptr<char[]> copy(const uint8_t* data, std::size_t size) {
 int bare_quotes(const char* json) {
   int quotes = 0;
   for (const char* p = json; *p != '\0'; ++p) {
-    if (*p == '\\') {
-      if (*++p == '\0') __builtin_trap();
-    } else if (*p == '"') {
-      ++quotes;
-    }
+    if (*p == '"') ++quotes;
+    else if (*p == '\\' && *++p == '\0') __builtin_trap();
   }
   return quotes;
 }
@@ -76,57 +70,36 @@ void replies(const uint8_t* data, std::size_t size) {
   creg_status(copy(data, size).get());
   cops_act(copy(data, size).get());
   hex2dec(copy(data, size).get());
-  char cimi[kNtuTextSize];
-  char imei[kNtuTextSize] = {};
+  char cimi[kNtuTextSize], imei[kNtuTextSize] = {};
   if (parse_cimi(copy(data, size).get(), cimi) == 1) ntu_set_text(NtuText::cimi, cimi);
   if (parse_imei(copy(data, size).get(), imei) >= 0) ntu_set_text(NtuText::imei, imei);
   if (strnlen(cimi, kNtuTextSize) == kNtuTextSize || strnlen(imei, kNtuTextSize) == kNtuTextSize) __builtin_trap();
-
-  const auto tokens = copy(data, size);
-  char* cursor = tokens.get();
-  int value = 0;
-  at_tok_start(&cursor);
-  for (int i = 0; i < 8 && cursor != nullptr; ++i) {
-    if (at_tok_nexthexint(&cursor, &value) < 0 && cursor != nullptr) nextTok(&cursor);
-    if (cursor != nullptr && (cursor < tokens.get() || cursor > tokens.get() + size)) __builtin_trap();
-  }
 
   NtuTexts texts = ntu_texts();
   std::memcpy(texts.lteip, texts.cimi, kNtuTextSize);
   char json[1024];
   if (fsu::sdk::build_static_info(texts, json, sizeof json) != 0 || bare_quotes(json) != 28) __builtin_trap();
-  if (fsu::sdk::build_dynamic_info(1, texts, 1, 1, 1, json, sizeof json) != 0 || bare_quotes(json) != 28) {
-    __builtin_trap();
-  }
+  if (fsu::sdk::build_dynamic_info(1, texts, 1, 1, 1, json, sizeof json) != 0 || bare_quotes(json) != 28) __builtin_trap();
 }
 
 void check_value(const char (&value)[100]) {
-  if (strnlen(value, sizeof value) >= sizeof value) __builtin_trap();
-  if (std::strpbrk(value, "\r\n") != nullptr) __builtin_trap();
+  if (strnlen(value, sizeof value) >= sizeof value || std::strpbrk(value, "\r\n") != nullptr) __builtin_trap();
 }
 
 void parameters(const uint8_t* data, std::size_t size) {
-  auto text = std::make_unique<char[]>(size + 1);
-  std::memcpy(text.get(), data, size);
+  const auto text = copy(data, size);
   const char* file = text.get();
-  char cimi[100];
-  char imei[100];
-  char csq[100];
-  ReadPar_text(file, size, "cimi", cimi);
-  ReadPar_text(file, size, "imei", imei);
-  ReadPar_text(file, size, "csq", csq);
-  check_value(cimi);
-  check_value(imei);
-  check_value(csq);
+  char values[4][100];
   const auto* eol = static_cast<const char*>(std::memchr(file, '\n', size));
-  if (eol != nullptr && eol > file && eol - file <= 64) {
-    char value[100];
-    ReadPar_text(file, size, std::string(file, static_cast<std::size_t>(eol - file)).c_str(), value);
-    check_value(value);
+  const std::string first_line = eol != nullptr && eol > file && eol - file <= 64 ? std::string(file, eol) : "cimi";
+  int i = 0;
+  for (const std::string& key : {std::string("cimi"), std::string("imei"), std::string("csq"), first_line}) {
+    ReadPar_text(file, size, key.c_str(), values[i]);
+    check_value(values[i++]);
   }
   char written[3 * 20 + 32];
-  cimi[19] = imei[19] = csq[19] = '\0';  // the record's fields hold 19 characters
-  globalp_text(cimi, imei, csq, written, sizeof written);
+  for (auto& value : values) value[19] = '\0';  // the record's fields hold 19 characters
+  globalp_text(values[0], values[1], values[2], written, sizeof written);
   int lines = 0;
   for (const char* p = written; *p != '\0'; ++p) lines += *p == '\n';
   if (lines != 3) __builtin_trap();
