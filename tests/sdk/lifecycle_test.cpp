@@ -36,7 +36,7 @@ TEST(Lifecycle, StartsOnceWritesVersionAndLogAndRepairsAFaultyClockFromTheReceiv
   EXPECT_NE(box.read("/tmp/sdklog.log").find("]:UninitializeSDK"), std::string::npos);
 }
 
-TEST(Lifecycle, ClockCheckRepairsNothingWhenTheClockAnswersAndTheInformationIsBounded) {
+TEST(Lifecycle, ClockCheckRepairsNothingWhenTheClockAnswersInformationIsBoundedAndUpdatesTakePlainPaths) {
   fsu::test::TestSandbox box;
   HW_RESOURCES_CHECK();
   EXPECT_EQ(HW_RTC_IS_Err(), 0);
@@ -56,10 +56,8 @@ TEST(Lifecycle, ClockCheckRepairsNothingWhenTheClockAnswersAndTheInformationIsBo
   EXPECT_EQ(ReadHardwareInformation(buf, 63), 0);
   EXPECT_STREQ(buf, "{\"产品型号\":\"KTRV-QX\",\"生产日期\":\"2023-01-16 00:00:0\"}");
   EXPECT_EQ(ReadHardwareInformation(buf, 62) + ReadHardwareInformation(buf, 0), -2);
-}
 
-TEST(Lifecycle, UpdateTakesOnlyArchivesWithPlainPaths) {
-  fsu::test::TestSandbox box;
+  // An update takes only archives with plain paths.
   box.write("/tmp/a.gz.bak", "archive");
   EXPECT_EQ(UpdateSDK("/tmp/a.gz.bak"), 0);
   EXPECT_EQ(box.read("/tmp/dt_upgrade.gz"), "archive");

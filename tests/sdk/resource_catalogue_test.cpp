@@ -21,9 +21,8 @@ TEST(ResourceCatalogue, EveryNameHasItsIdAndOnlyExactNamesAreKnown) {
     for (int n = 1; n <= count; ++n) EXPECT_EQ(READ_resourceName((prefix + std::to_string(n)).c_str()), base + n);
   }
   int id = 501;
-  for (const char* led : {"run", "power", "alarm", "net", "update", "extend1", "extend2", "extend3"}) {
+  for (const char* led : {"run", "power", "alarm", "net", "update", "extend1", "extend2", "extend3"})
     EXPECT_EQ(READ_resourceName((std::string("Local/Led/") + led).c_str()), id++) << led;
-  }
   EXPECT_EQ(RESOURCES_LIST.size(), 114u);
   for (const char* name : {"Local/Uart/17", "Local/Uart/0", "Local/Uart/01", "local/uart/1", "Local/Led/15",
                            "Local/Led/Run", " Local/Uart/1", "Local/Uart/1 ", "Local/AI/", "", "Local/Bat/5"}) {

@@ -99,10 +99,8 @@ TEST_F(Serial, DriverAppliesTheLineSettingsOrRefusesThemAndMovesBytesWithoutWait
   }
   for (const auto& [refused, message] :  // refused, and the port keeps 19200
        {std::pair{BSP_COM_PARAMS{24, 0, 14400, 8, 1, 0}, "Unsupported nBaudrate 14400\n"},
-        {BSP_COM_PARAMS{24, 0, 0, 8, 1, 0}, "Unsupported nBaudrate 0\n"},
-        {BSP_COM_PARAMS{24, 0, 9600, 8, 1, 3}, "Unsupported parity 3\n"},
-        {BSP_COM_PARAMS{24, 0, 9600, 9, 1, 0}, "Unsupported data bits 9\n"},
-        {BSP_COM_PARAMS{24, 0, 9600, 8, 3, 0}, "Unsupported stop bits 3\n"},
+        {BSP_COM_PARAMS{24, 0, 0, 8, 1, 0}, "Unsupported nBaudrate 0\n"}, {BSP_COM_PARAMS{24, 0, 9600, 8, 1, 3}, "Unsupported parity 3\n"},
+        {BSP_COM_PARAMS{24, 0, 9600, 9, 1, 0}, "Unsupported data bits 9\n"}, {BSP_COM_PARAMS{24, 0, 9600, 8, 3, 0}, "Unsupported stop bits 3\n"},
         {BSP_COM_PARAMS{20, 0, 9600, 8, 1, 0}, "ERROR: FILE:bsp_m_com, FUNCTION:BSP_ComSetParams, LINE:"},
         {BSP_COM_PARAMS{28, 0, 9600, 8, 1, 0}, ""}}) {
     const BSP_COM_PARAMS* p = &refused;
@@ -124,7 +122,7 @@ TEST_F(Serial, DriverAppliesTheLineSettingsOrRefusesThemAndMovesBytesWithoutWait
   EXPECT_TRUE(BSP_ComWrite(0, buf, 0, &n) == 0 && n == 0 && BSP_ComFlush(0) == 0);
 }
 
-TEST(UartDriver, RefusesMissingSlotsAndDevices) {
+TEST(UartDriver, RefusesMissingSlotsAndDevicesAndIsNeverTheControllingTerminalOfADaemon) {
   test::TestSandbox box;  // without devices
   std::uint8_t buf[8];
   std::uint32_t n = 0;
@@ -139,10 +137,7 @@ TEST(UartDriver, RefusesMissingSlotsAndDevices) {
   });
   EXPECT_TRUE(printed.find("BSP_ComCreate(2, /dev/ttymxc3) Failed !\nERROR: FILE:bsp_m_com, FUNCTION:BSP_ComCreate, LINE:") !=
                   std::string::npos && printed.find("ErrNo:0x01020004.\n") != std::string::npos) << printed;
-}
 
-TEST(UartDriver, APortIsNeverTheControllingTerminalOfADaemon) {
-  test::TestSandbox box;
   auto line = std::make_unique<sim::FakeUart>(box.path("/dev/ttymxc1"));
   int opened[2], go[2];
   ASSERT_EQ(pipe(opened) + pipe(go), 0);
@@ -216,7 +211,7 @@ TEST_F(Serial, WritesGoWhereTheResourceLivesAndReadsWaitOnceForTheTimeOut) {
   }
 }
 
-TEST_F(Serial, ReceiveBuffersKeepTheOldestBytesAndHandThemOutInOrder) {
+TEST_F(Serial, ReceiveBuffersKeepTheOldestBytesInOrderAndTheHexLogOfTheChosenPortIsByteExact) {
   std::string sent(5000, '\0');
   for (std::size_t i = 0; i < sent.size(); ++i) sent[i] = static_cast<char>(i * 7);
   uart(1).send(sent);
@@ -228,6 +223,20 @@ TEST_F(Serial, ReceiveBuffersKeepTheOldestBytesAndHandThemOutInOrder) {
   EXPECT_EQ(std::string(buf, 4096), sent.substr(0, 4096));
   EXPECT_EQ(ReadUart("Local/Uart/13", buf, 10, 0) + ReadUart("Local/Uart/14", buf, 10, 0), 0);
   EXPECT_EQ(ReadUart("Local/Uart/1", nullptr, 10, 0) + ReadUart("Local/Uart/1", buf, 0, 0), -2);
+
+  // The hex log of the chosen port is byte exact.
+  sdk::BSP_SET_UART_LOG(3, 2);
+  EXPECT_EQ(WriteUart(nullptr, "x", 1), -1);
+  for (int i = 0; i < 2; ++i) WriteUart("Local/Uart/3", "\x01\x03", 2);
+  WriteUart("Local/Uart/4", "\x55", 1);
+  uart(3).send("\xAB\xCD\xEF");
+  reader_pass(2);
+  ASSERT_EQ(ReadUart("Local/Uart/3", buf, sizeof buf, 0), 3);
+  WriteUart("Local/Uart/3", "\x01\x03", 2);  // the third write is past the limit
+  const std::string log = box_.read("/tmp/comlog.log");
+  // Two stamped write records; the read lands behind the last receive mark.
+  EXPECT_NE(log.find("]:[Local/Uart/3][00001]\r\nTX:01 03 \r\nRX:\r\n["), std::string::npos) << log;
+  EXPECT_TRUE(log.ends_with("]:[Local/Uart/3][00002]\r\nTX:01 03 \r\nRX:AB CD EF ")) << log;
 }
 
 TEST_F(Serial, VirtualPortAnswersEachWriteOnceAndItsAttributeSurvivesARestart) {
@@ -251,22 +260,6 @@ TEST_F(Serial, VirtualPortAnswersEachWriteOnceAndItsAttributeSurvivesARestart) {
     EXPECT_EQ(sdk::SDK_COM_Attr[2].attr.load(), printed[0] == 'c');
     std::remove(box_.path("/etc/sdk_com_attr").c_str());
   }
-}
-
-TEST_F(Serial, HexLogOfTheChosenPortIsByteExact) {
-  sdk::BSP_SET_UART_LOG(3, 2);
-  EXPECT_EQ(WriteUart(nullptr, "x", 1), -1);
-  for (int i = 0; i < 2; ++i) WriteUart("Local/Uart/3", "\x01\x03", 2);
-  WriteUart("Local/Uart/4", "\x55", 1);
-  uart(3).send("\xAB\xCD\xEF");
-  reader_pass(2);
-  char buf[16];
-  ASSERT_EQ(ReadUart("Local/Uart/3", buf, sizeof buf, 0), 3);
-  WriteUart("Local/Uart/3", "\x01\x03", 2);  // the third write is past the limit
-  const std::string log = box_.read("/tmp/comlog.log");
-  // Two stamped write records; the read lands behind the last receive mark.
-  EXPECT_NE(log.find("]:[Local/Uart/3][00001]\r\nTX:01 03 \r\nRX:\r\n["), std::string::npos) << log;
-  EXPECT_TRUE(log.ends_with("]:[Local/Uart/3][00002]\r\nTX:01 03 \r\nRX:AB CD EF ")) << log;
 }
 
 TEST_F(Serial, LinkFramesReachTheirDestinationsThroughSplitsGarbageAndFullBuffers) {

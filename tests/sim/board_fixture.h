@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -32,8 +33,7 @@ inline bool poll_until(double seconds, const auto& done) {
 
 inline std::string capture(const std::string& command) {
   std::string out(8192, '\0');
-  const long n = platform::capture_command(command.c_str(), out.data(), out.size());
-  out.resize(n < 0 ? 0 : static_cast<std::size_t>(n));
+  out.resize(static_cast<std::size_t>(std::max(0L, platform::capture_command(command.c_str(), out.data(), out.size()))));
   return out;
 }
 

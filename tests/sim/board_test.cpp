@@ -53,20 +53,14 @@ TEST(Control, AppliesLinesInOrderAndReportsBadOnes) {
   EXPECT_TRUE(unit.control({"uart 1 silent", "uart 1 loopback"}).empty());
   EXPECT_EQ(unit.box.read("/sim/control.done"), "6 " + std::to_string(unit.box.read("/sim/control").size()) + "\n");
 
-  const std::vector<std::pair<std::string, std::string>> bad = {
+  for (const auto& [line, why] : std::vector<std::pair<std::string, std::string>>{
       {"frob 1", "\"frob 1\": unknown command (commands: uart, port, board, env, ai, di, modem, gps)"},
-      {"uart 13 loopback", "no port 13 (ports are 1 to 12)"},
+      {"uart 13 loopback", "no port 13 (ports are 1 to 12)"}, {"uart 2", "\"uart 2\": needs a port and a mode"},
       {"uart 2 sideways", "no mode sideways; usage: uart N loopback|terminal|silent (N 1 to 12)"},
-      {"uart 2", "\"uart 2\": needs a port and a mode"},
-      {"port 5 terminal", "port 5 leads to extension board 1"},
-      {"board 3 silent", "no board 3 (boards are 1 and 2)"},
-      {"board 1 off", "no state off"},
-      {"ai 17 1", "no channel 17 (channels are 1 to 16)"},
-      {"ai 1 5.2", "volts are 0 to 5.1197"},
-      {"ai 1 current 21", "milliamperes are 0 to 20.478"},
-      {"ai 1 1,5", "not a number: 1,5"},
-      {"di 0 open", "no input 0 (inputs are 1 to 16)"}};
-  for (const auto& [line, why] : bad) {
+      {"port 5 terminal", "port 5 leads to extension board 1"}, {"board 3 silent", "no board 3 (boards are 1 and 2)"},
+      {"board 1 off", "no state off"}, {"ai 17 1", "no channel 17 (channels are 1 to 16)"},
+      {"ai 1 5.2", "volts are 0 to 5.1197"}, {"ai 1 current 21", "milliamperes are 0 to 20.478"},
+      {"ai 1 1,5", "not a number: 1,5"}, {"di 0 open", "no input 0 (inputs are 1 to 16)"}}) {
     const std::vector<std::string> errors = unit.control({line});
     ASSERT_EQ(errors.size(), 1u) << line;
     EXPECT_NE(errors[0].find(why), std::string::npos) << errors[0];
