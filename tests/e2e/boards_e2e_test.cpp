@@ -82,9 +82,8 @@ TEST(BoardsOnSimulator, AnApplicationReadsInputsSwitchesRelaysAndTakesTheLedsWhi
   EXPECT_EQ(app.ask_until("di 5", 5, [](double state) { return state == 1; }), 1);
   EXPECT_EQ(app.ask_until("di 6", 1, [](double) { return true; }), 0);
   app.console.send("do 1 1\ndo 5 1\nai 17\ndo 9 1\n");
-  for (const char* relay : {"relay 1 ", "relay 5 "}) {
+  for (const char* relay : {"relay 1 ", "relay 5 "})
     EXPECT_TRUE(poll_until(5, [&] { return sim::state_line(box, relay).find("state=on") != std::string::npos; })) << relay;
-  }
   EXPECT_TRUE(app.console.wait_for("ai 17: no such input on this unit\ndo 9: no such output\n", 5));
 
   control(box, {"board 1 silent", "ai 3 1", "di 5 open"});  // the readings stay, the LED goes dark

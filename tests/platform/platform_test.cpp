@@ -2,6 +2,7 @@
 // never at all where a device tool has no stand-in, caller text cannot change a command.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <sys/stat.h>
 
@@ -15,8 +16,7 @@ namespace {
 
 std::string capture(const char* command, std::size_t size = 4096) {
   std::string out(size, '\0');
-  const long n = capture_command(command, out.data(), size);
-  out.resize(n < 0 ? 0 : static_cast<std::size_t>(n));
+  out.resize(static_cast<std::size_t>(std::max(0L, capture_command(command, out.data(), size))));
   return out;
 }
 

@@ -24,8 +24,7 @@ TEST(Lifecycle, StartsOnceWritesVersionAndLogAndRepairsAFaultyClockFromTheReceiv
   ASSERT_EQ(InitializeSDK(), 0);
   // The receiver's UTC with its eight hours, set as the system time.
   EXPECT_NE(box.calls().find("date -s 2026-11-16 16:27:10\n"), std::string::npos) << box.calls();
-  const std::string version = std::string("Version:Sdk-SE1.0.9-") + build_date() + "-" + build_time();
-  EXPECT_EQ(box.read("/tmp/sdkversion"), version + "\r\n\n");
+  EXPECT_EQ(box.read("/tmp/sdkversion"), std::string("Version:Sdk-SE1.0.9-") + build_date() + "-" + build_time() + "\r\n\n");
   EXPECT_NE(box.read("/tmp/sdklog.log").find("sdk_SYS   Line=0000000001]:InitializeSDK"), std::string::npos);
   EXPECT_EQ(HW_RTC_IS_Err(), 1);
 

@@ -37,10 +37,7 @@ inline std::string capture(const std::string& command) {
   return out;
 }
 
-inline int exit_code(const std::string& command) {
-  const int status = platform::run_command(command.c_str());
-  return status < 0 ? -1 : status >> 8;
-}
+inline int exit_code(const std::string& command) { return std::max(-1, platform::run_command(command.c_str()) >> 8); }
 
 // Read-write with synchronous writes, raw, reads that return at once; both queues flushed
 // unless `flush` is false.

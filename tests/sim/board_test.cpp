@@ -108,10 +108,7 @@ TEST(Board, ShowsTheGpioLinesGoesDownCleanlyRefusesABadStartAndComesUpAgain) {
   close(again);
 }
 
-struct Frame {
-  std::uint8_t command;
-  std::string data;
-};
+struct Frame { std::uint8_t command; std::string data; };
 
 bool presence(const std::vector<Frame>& frames) { return frames.size() == 1 && frames[0].command == 'A'; }
 
@@ -125,8 +122,8 @@ class Link {
 
   void send(std::uint8_t command, const std::string& data = "") {
     std::string frame(data.size() + serial::kLinkOverhead, '\0');
-    serial::build_link_frame(command, reinterpret_cast<const std::uint8_t*>(data.data()), data.size(),
-                             reinterpret_cast<std::uint8_t*>(frame.data()), frame.size());
+    frame.resize(serial::build_link_frame(command, reinterpret_cast<const std::uint8_t*>(data.data()), data.size(),
+                                          reinterpret_cast<std::uint8_t*>(frame.data()), frame.size()));
     put(fd, frame);
   }
   // The frames that come within `seconds`, until `enough` says so.
