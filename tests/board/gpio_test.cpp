@@ -12,7 +12,7 @@
 namespace fsu::board {
 namespace {
 
-TEST(Gpio, WritesTheSysfsTextsWithoutLineEnds) {
+TEST(Gpio, WritesTheSysfsTextsWithoutLineEndsAndReportsLinesThatCannotBeOpened) {
   test::TestSandbox box;
   const auto file = [&](const char* name) { return box.read(std::string("/sys/class/gpio/gpio4/") + name); };
   EXPECT_EQ(bsp_gpio_direction(4, 5) + bsp_gpio_write(4, -1), 0);
@@ -26,15 +26,12 @@ TEST(Gpio, WritesTheSysfsTextsWithoutLineEnds) {
   EXPECT_EQ(edges, "none none rising falling both none ");
   EXPECT_EQ(bsp_gpio_export(12), 0);
   EXPECT_EQ(box.read("/sys/class/gpio/export"), "12");
-}
 
-TEST(Gpio, LinesThatCannotBeOpenedReportAndFail) {
-  test::TestSandbox box;
   std::remove(box.path("/sys/class/gpio/unexport").c_str());
   testing::internal::CaptureStdout();
-  const int results[] = {bsp_gpio_direction(77, 1), bsp_gpio_read(77), bsp_gpio_write(77, 1), bsp_gpio_edge(77, 1),
-                         bsp_gpio_unexport(77)};  // called in this order
-  EXPECT_EQ(std::vector<int>(std::begin(results), std::end(results)), std::vector<int>(5, -1));
+  const std::vector<int> results = {bsp_gpio_direction(77, 1), bsp_gpio_read(77), bsp_gpio_write(77, 1),
+                                    bsp_gpio_edge(77, 1), bsp_gpio_unexport(77)};  // called in this order
+  EXPECT_EQ(results, std::vector<int>(5, -1));
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "Failed to open gpio direction for writing!\nFailed to open gpio value for reading!\n"
             "Failed to open gpio value for writing!\nFailed to open gpio edge for writing!\n"

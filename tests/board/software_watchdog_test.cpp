@@ -13,7 +13,6 @@
 namespace fsu::board {
 namespace {
 
-// The unfed watchdog's reboot on the simulated board: examples/watchdog, end to end.
 TEST(SoftwareWatchdog, RebootsOnlyWhenTheFeedIsOlderThanTheIntervalAndAMinute) {
   test::TestSandbox box;
   support::SDK_LOG_PAR_INIT();
@@ -50,9 +49,7 @@ TEST(SoftwareWatchdog, FiresOnTimeWhileABoardLinkTakesNothing) {
   const std::string block(4096, 'U');
   for (bool took = true; took; platform::sleep_ms(50)) {
     took = false;
-    for (std::size_t size : {4096, 64, 1}) {
-      while (write(fill, block.data(), size) > 0) took = true;
-    }
+    for (std::size_t size : {4096, 64, 1}) while (write(fill, block.data(), size) > 0) took = true;
   }
   std::uint32_t n = 0;
   const double start = platform::monotonic_seconds();
@@ -60,9 +57,7 @@ TEST(SoftwareWatchdog, FiresOnTimeWhileABoardLinkTakesNothing) {
   EXPECT_NEAR(platform::monotonic_seconds() - start, 3.0, 2.0);  // its bound is 1.4 s
 
   termios slow{};  // at 300 baud a keep-alive write may wait minutes (set without a flush)
-  tcgetattr(fill, &slow);
-  cfsetospeed(&slow, B300);
-  tcsetattr(fill, TCSANOW, &slow);
+  tcgetattr(fill, &slow), cfsetospeed(&slow, B300), tcsetattr(fill, TCSANOW, &slow);
   serial::str_com_dog[0].store(20);  // board 1's keep-alive is due at the first tick
   SoftDogEnable(1, 1000);
   app___SOFTDOG.last_feed.store(ReadSysTime_Value() - 62);

@@ -1,6 +1,5 @@
-// Applications and benchkit on the simulated board's extension and environment boards: inputs
-// set on the board reach the application, relays follow the application and the console's
-// items, the board LEDs follow the links; and the watchdog example left unfed.
+// Applications and benchkit on the simulated board's extension and environment boards: inputs reach
+// the application, relays follow it and the console, LEDs follow the links; the watchdog left unfed.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -26,8 +25,7 @@ void control(const TestSandbox& box, const std::vector<std::string>& lines) {
 
 // The level of a GPIO line, '0' or '1'; '?' while the value file is being rewritten.
 char gpio(const TestSandbox& box, int line) {
-  const std::string value = box.read("/sys/class/gpio/gpio" + std::to_string(line) + "/value");
-  return value.empty() ? '?' : value[0];
+  return (box.read("/sys/class/gpio/gpio" + std::to_string(line) + "/value") + "?")[0];
 }
 
 // The times at which a GPIO line changed its level while it was watched for `seconds`.
@@ -46,34 +44,25 @@ std::vector<double> changes(const TestSandbox& box, int line, double seconds) {
 }
 
 // An application on the board that reads points on request (examples/inputs_relays).
-class PointsApp {
- public:
+struct PointsApp {
   explicit PointsApp(const TestSandbox& box)
-      : app_({fsusim_path(), "run", "--root", box.root(), "--", FSU_TEST_INPUTS_RELAYS}, ConsoleDriver::Mode::kPipes) {
-    ready_ = app_.wait_for("inputs_relays: ready\n", 60);
-  }
-  bool ready() const { return ready_; }
-  ConsoleDriver& console() { return app_; }
-
-  // Asks for a point ("ai 3") until `accept` takes the answer's value or `seconds` pass; the
-  // last value given.
+      : console({fsusim_path(), "run", "--root", box.root(), "--", FSU_TEST_INPUTS_RELAYS}, ConsoleDriver::Mode::kPipes),
+        ready(console.wait_for("inputs_relays: ready\n", 60)) {}
+  // Asks for a point ("ai 3") until `accept` takes the answer's value or `seconds` pass; the last value given.
   double ask_until(const std::string& point, double seconds, const auto& accept) {
     double value = -1;
     poll_until(seconds, [&] {
-      app_.send(point + "\n");
+      console.send(point + "\n");
       const std::string prefix = point + " = ";
-      if (!app_.wait_for_count(prefix, ++asked_[point], 2)) return false;
-      const std::string& out = app_.output();
-      value = std::strtod(out.c_str() + out.rfind(prefix) + prefix.size(), nullptr);
+      if (!console.wait_for_count(prefix, ++asked[point], 2)) return false;
+      value = std::strtod(console.output().c_str() + console.output().rfind(prefix) + prefix.size(), nullptr);
       return accept(value);
     });
     return value;
   }
-
- private:
-  ConsoleDriver app_;
-  bool ready_ = false;
-  std::map<std::string, int> asked_;
+  ConsoleDriver console;
+  const bool ready;
+  std::map<std::string, int> asked;
 };
 
 bool snapped_to_2_5(double volts) { return volts >= 2.5 && volts <= 2.5 + 9e-6 + 1e-7; }
@@ -81,8 +70,8 @@ bool snapped_to_2_5(double volts) { return volts >= 2.5 && volts <= 2.5 + 9e-6 +
 TEST(BoardsOnSimulator, AnApplicationReadsInputsSwitchesRelaysAndTakesTheLedsWhileTheBoardsComeAndGo) {
   TestSandbox box;
   PointsApp app(box);
-  ASSERT_TRUE(app.ready()) << app.console().output();
-  EXPECT_NE(app.console().output().find("\"Local/Uart/12\",\"Local/AI/1\""), std::string::npos);
+  ASSERT_TRUE(app.ready) << app.console.output();
+  EXPECT_NE(app.console.output().find("\"Local/Uart/12\",\"Local/AI/1\""), std::string::npos);
   const std::vector<double> blinks = changes(box, 1, 3.6);  // the run LED, by the SDK's LED thread
   ASSERT_GE(blinks.size(), 3u);
   for (std::size_t i = 1; i < blinks.size(); ++i) EXPECT_NEAR(blinks[i] - blinks[i - 1], 1.0, 0.3) << i;
@@ -92,11 +81,10 @@ TEST(BoardsOnSimulator, AnApplicationReadsInputsSwitchesRelaysAndTakesTheLedsWhi
   EXPECT_TRUE(snapped_to_2_5(app.ask_until("ai 3", 5, snapped_to_2_5)));
   EXPECT_EQ(app.ask_until("di 5", 5, [](double state) { return state == 1; }), 1);
   EXPECT_EQ(app.ask_until("di 6", 1, [](double) { return true; }), 0);
-  app.console().send("do 1 1\ndo 5 1\nai 17\ndo 9 1\n");
-  for (const char* relay : {"relay 1 ", "relay 5 "}) {
+  app.console.send("do 1 1\ndo 5 1\nai 17\ndo 9 1\n");
+  for (const char* relay : {"relay 1 ", "relay 5 "})
     EXPECT_TRUE(poll_until(5, [&] { return sim::state_line(box, relay).find("state=on") != std::string::npos; })) << relay;
-  }
-  EXPECT_TRUE(app.console().wait_for("ai 17: no such input on this unit\ndo 9: no such output\n", 5));
+  EXPECT_TRUE(app.console.wait_for("ai 17: no such input on this unit\ndo 9: no such output\n", 5));
 
   control(box, {"board 1 silent", "ai 3 1", "di 5 open"});  // the readings stay, the LED goes dark
   EXPECT_TRUE(poll_until(3, [&] { return gpio(box, 4) == '1'; }));
@@ -107,8 +95,8 @@ TEST(BoardsOnSimulator, AnApplicationReadsInputsSwitchesRelaysAndTakesTheLedsWhi
   EXPECT_TRUE(poll_until(3, [&] { return gpio(box, 4) == '0'; }));
   EXPECT_NEAR(app.ask_until("ai 3", 5, [](double volts) { return volts < 2; }), 1.0, 1e-5);
 
-  app.console().send("led 2 1\n");
-  ASSERT_TRUE(app.console().wait_for("led 2 = 1", 5));
+  app.console.send("led 2 1\n");
+  ASSERT_TRUE(app.console.wait_for("led 2 = 1", 5));
   EXPECT_LE(changes(box, 1, 3).size(), 1u);  // a pass already under way may still toggle it once
 
   ConsoleDriver second({FSU_TEST_INPUTS_RELAYS}, ConsoleDriver::Mode::kPipes,

@@ -11,30 +11,24 @@
 namespace fsu::test {
 namespace {
 
-TEST(SerialOnSimulator, UartEchoGetsItsLineBackThroughTheLoopbackPlug) {
+TEST(SerialOnSimulator, UartEchoGetsItsLineBackThroughTheLoopbackPlugAndAPersonAtPortTwoSeesItAndAnswers) {
   TestSandbox box;
   ConsoleDriver app({fsusim_path(), "run", "--root", box.root(), "--", FSU_TEST_UART_ECHO}, ConsoleDriver::Mode::kPipes);
   EXPECT_EQ(app.wait_exit(60), 0) << app.output();
-  EXPECT_NE(app.output().find("uart_echo: sent 25 bytes, received 25 bytes: hello from Local/Uart/1\r\n"),
-            std::string::npos)
+  EXPECT_NE(app.output().find("uart_echo: sent 25 bytes, received 25 bytes: hello from Local/Uart/1\r\n"), std::string::npos)
       << app.output();
-}
 
-TEST(SerialOnSimulator, APersonAtPortTwoSeesTheLineAndAnswers) {
-  TestSandbox box;
-  ConsoleDriver app({fsusim_path(), "run", "--root", box.root(), "--terminal", "2", "--", FSU_TEST_UART_ECHO,
-                     "Local/Uart/2"},
-                    ConsoleDriver::Mode::kTerminal);
-  ASSERT_TRUE(app.wait_for("Local/Uart/2 terminal: /dev/pts/", 10)) << app.output();
+  ConsoleDriver at_two({fsusim_path(), "run", "--root", box.root(), "--terminal", "2", "--", FSU_TEST_UART_ECHO, "Local/Uart/2"},
+                       ConsoleDriver::Mode::kTerminal);
+  ASSERT_TRUE(at_two.wait_for("Local/Uart/2 terminal: /dev/pts/", 10)) << at_two.output();
   std::smatch m;
-  const std::string out = app.output();
+  const std::string out = at_two.output();
   ASSERT_TRUE(std::regex_search(out, m, std::regex("terminal: (/dev/pts/[0-9]+)"))) << out;
   const int person = sim::open_port(m[1].str(), B115200);
-  ASSERT_GE(person, 0);
   EXPECT_EQ(sim::take(person, 25, 30), "hello from Local/Uart/2\r\n");
   sim::put(person, "HELLO FROM A PERSON, BYE\n");
-  EXPECT_TRUE(app.wait_for("received 25 bytes: HELLO FROM A PERSON, BYE", 10)) << app.output();
-  EXPECT_EQ(app.wait_exit(10), 1);  // not its own line
+  EXPECT_TRUE(at_two.wait_for("received 25 bytes: HELLO FROM A PERSON, BYE", 10)) << at_two.output();
+  EXPECT_EQ(at_two.wait_exit(10), 1);  // not its own line
   close(person);
 }
 

@@ -1,6 +1,5 @@
 // Pure pieces of the simulator: the pace of a line, the bounded queue of a far end, and the
-// environment board model read back with the SDK's decoder. (The command table and the uci file
-// are met through the control file and the uci stand-in.)
+// environment board model read back with the SDK's decoder.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -62,7 +61,7 @@ std::string relay_command(std::uint8_t mask) {
   return std::string(reinterpret_cast<char*>(out), static_cast<std::size_t>(serial::POWER_7E_CMDSend(cmd, out, sizeof out)));
 }
 
-TEST(EnvironmentBoard, AnswersWithAWellFormedFrameOfWhatItsWordsCanCarry) {
+TEST(EnvironmentBoard, AnswersWellFormedFramesGatheredFromPiecesAndIgnoresWhatItCannotTrust) {
   EnvironmentBoard board;
   ASSERT_TRUE(board.set_volts(16, 5.1198) && board.set_milliamps(1, 20.478));
   EXPECT_FALSE(board.set_volts(3, -0.1) || board.set_volts(3, std::nan("")) || board.set_contact(0, true));
@@ -81,15 +80,12 @@ TEST(EnvironmentBoard, AnswersWithAWellFormedFrameOfWhatItsWordsCanCarry) {
   const std::string relays = heard(board, relay_command(0xF5));
   EXPECT_EQ(relays.substr(5, 4) + relays.substr(147, 2), "050005");  // bits above the four relays are no outputs
   EXPECT_TRUE(board.relay(1) && !board.relay(2) && board.relay(3) && !board.relay(4));
-}
-
-TEST(EnvironmentBoard, GathersFramesFromPiecesAndIgnoresWhatItCannotTrust) {
-  EnvironmentBoard board;
-  std::string answers;
+  std::string answers;  // polls heard byte by byte
   for (const char c : "noise~FFFF03540000FD5C\r~FFFF03540000FD5C\r") {
     if (c != '\0') board.hear({reinterpret_cast<const std::uint8_t*>(&c), 1}, answers);
   }
   EXPECT_EQ(answers.size(), 400u);
+  ASSERT_TRUE(heard(board, relay_command(0x00)).size() == 200u && !board.relay(1));
 
   std::string bad_sum = kPoll;
   bad_sum[16] = 'D';
