@@ -1,5 +1,6 @@
-# Installs the libraries, the public header, a pkg-config file and a CMake package,
-# so that applications build against the SDK with pkg-config or find_package(fsusdk).
+# Installs the libraries, the public header, a pkg-config file and a CMake package, so that
+# applications build against the SDK with pkg-config (the shared library) or find_package(fsusdk)
+# (fsusdk::fsusdk, the static library, or fsusdk::fsusdk_shared), and the docs and examples.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS fsusdk fsusdk_shared EXPORT fsusdkTargets
@@ -7,6 +8,10 @@ install(TARGETS fsusdk fsusdk_shared EXPORT fsusdkTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES include/fsusdk.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+# The user's pages and the examples, which build from there as they stand.
+install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 install(TARGETS benchkit RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 if(TARGET fsusim)
   install(TARGETS fsusim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})

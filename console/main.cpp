@@ -1,5 +1,6 @@
 // benchkit: the test console of the FSU. Without arguments it serves the numbered menu; with
-// the single argument "web" it runs unattended beside the device's web pages.
+// the single argument "web" it runs unattended beside the device's web pages. The single
+// arguments --help and --version answer and run nothing; any other arguments give the menu.
 #include <pthread.h>
 
 #include <cstdio>
@@ -15,6 +16,14 @@
 #include "support/sdk_log.h"
 
 namespace {
+
+constexpr char kUsage[] =
+    "usage:\n"
+    "  benchkit            stop the resident applications, start the SDK and serve the numbered\n"
+    "                      test menu on standard input, until the input ends\n"
+    "  benchkit web        run unattended beside the device's web pages, until killed\n"
+    "  benchkit --version  the SDK's version\n"
+    "On a PC, run it on the simulated board: fsusim run -- benchkit (docs/benchkit.md).\n";
 
 constexpr const char* kStarLine = "\r\n/***********************************************************/\r";
 
@@ -45,6 +54,14 @@ pthread_t ppp0_listen_thread;
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
+  if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+    std::printf("benchkit %s-%s\n", FSUSDK_EDITION, FSUSDK_VERSION);
+    return 0;
+  }
   for (const char* command : kResidentStops) fsu::platform::run_command(command);
   fsu::platform::sleep_s(2);
   InitializeSDK();

@@ -1,14 +1,11 @@
-// One web request pass over an arbitrary request file (the first byte picks which of the six), in
-// a private root without bin/ or serial ports and without sleeps: the request must be consumed
-// and every answer stay within its report's size.
+// One web request pass over an arbitrary request file (the first byte picks which), in a private root
+// without bin/, ports or sleeps: the request is consumed and every answer stays within its report's size.
 #include <ftw.h>
 #include <sys/stat.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <string>
 
 #include "platform/sandbox_root.h"
 #include "sdk/uart_api.h"
@@ -32,9 +29,8 @@ void make_root() {
   g_root = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/fsufuzz.XXXXXX";
   if (mkdtemp(g_root.data()) == nullptr || mkdir((g_root + "/tmp").c_str(), 0700) != 0 ||
       mkdir((g_root + "/etc").c_str(), 0700) != 0 || !fsu::platform::set_root(g_root.c_str()) ||
-      std::freopen("/dev/null", "w", stdout) == nullptr) {
+      std::freopen("/dev/null", "w", stdout) == nullptr)
     std::abort();
-  }
   std::atexit([] { nftw(g_root.c_str(), [](const char* p, const struct stat*, int, FTW*) { return remove(p); }, 8, FTW_DEPTH | FTW_PHYS); });
 }
 
@@ -54,8 +50,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   WebRequestState state{.sleep = [](long) {}};
   web_request_pass(state);
   if (file_size(request) >= 0 || state.line_max > kLogLineMax) __builtin_trap();
-  for (const auto& [path, most] : kAnswers) {
-    if (file_size(path) > most) __builtin_trap();
-  }
+  for (const auto& [path, most] : kAnswers) if (file_size(path) > most) __builtin_trap();
   return 0;
 }

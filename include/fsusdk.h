@@ -1,4 +1,4 @@
-/* Public calls of the FSU board-support SDK.
+/* Public calls of the FSU board-support SDK (docs/api.md describes each in full).
  *
  * Resources are named "Local/Uart/N", "Local/AI/N", "Local/DI/N", "Local/DO/N", "Local/Bat/N"
  * and "Local/Led/..."; calls return 0 for success and -1 for failure unless noted.
@@ -7,17 +7,26 @@
 #ifndef FSUSDK_H
 #define FSUSDK_H
 
+/* The SDK's version: ReadSDKVersion gives FSUSDK_EDITION "-" FSUSDK_VERSION ("SE-1.0.9").
+ * FSUSDK_VERSION_NUMBER is major * 10000 + minor * 100 + patch, for #if comparisons. */
+#define FSUSDK_EDITION "SE"
+#define FSUSDK_VERSION "1.0.9"
+#define FSUSDK_VERSION_MAJOR 1
+#define FSUSDK_VERSION_MINOR 0
+#define FSUSDK_VERSION_PATCH 9
+#define FSUSDK_VERSION_NUMBER (FSUSDK_VERSION_MAJOR * 10000 + FSUSDK_VERSION_MINOR * 100 + FSUSDK_VERSION_PATCH)
+
 #ifdef __cplusplus
 extern "C" {
 #endif
 
 /* ---- Lifecycle, version, upgrade, hardware information ---- */
 
-/* Starts the SDK and all its threads; -1 if it has already run in this process. */
+/* Starts the SDK and all its threads (blocks about 3 s); -1 if it has already run in this process. */
 int InitializeSDK(void);
 /* Marks the end of use in the SDK log; stops nothing. */
 int UninitializeSDK(void);
-/* Writes the SDK version ("SE-1.0.9") into buf of size bytes. */
+/* Writes the SDK version ("SE-1.0.9") into buf of size bytes (at least 9). */
 int ReadSDKVersion(char *buf, int size);
 /* Hands an upgrade archive (a path containing ".gz") to the system upgrade tool. */
 int UpdateSDK(const char *path);
@@ -26,7 +35,7 @@ int ReadHardwareInformation(void *buf, int size);
 
 /* ---- Resources ---- */
 
-/* Writes the JSON array of the resources present on this unit into buf. */
+/* Writes the JSON array of the resources present on this unit into buf (1024 bytes hold any unit). */
 int ReadFSUResource(char *buf, int size);
 /* Writes the alias of a resource (its name) into alias. */
 int ReadResourceAlias(const char *name, char *alias, int size);
@@ -35,13 +44,14 @@ int GetResourceState(const char *name, int *state);
 
 /* ---- Points: analogue and digital inputs, relay outputs, batteries, LEDs ---- */
 
-/* Reads an analogue input: type 0 its voltage in volts, any other type its current in mA. */
+/* Reads analogue input "Local/AI/1" to "Local/AI/16": type 0 its voltage in volts (0-5), any
+ * other type its current in mA (4-20, below 4 reads 0). */
 int GetAIValue(const char *name, int type, float *value);
 /* The same reading as text ("%f") in text, which must hold 32 bytes. */
 int GetAIValue_String(const char *name, int type, char *text);
-/* Reads a digital input: 1 contact closed, 0 open. */
+/* Reads digital input "Local/DI/1" to "Local/DI/24": 1 contact closed, 0 open. */
 int GetDIValue(const char *name, int *value);
-/* Switches a relay output: 0 off, 1 on. */
+/* Switches relay output "Local/DO/1" to "Local/DO/8": 0 off, 1 on; the relay follows within about 1 s. */
 int SetDOValue(const char *name, int value);
 /* Battery readings are not provided: always -1, value untouched. */
 int GetBatValue(const char *name, float *value);
@@ -50,7 +60,8 @@ int SetLEDValue(const char *name, int value);
 
 /* ---- Software watchdog ---- */
 
-/* Arms (enable 1) or disarms the watchdog with a feed interval in milliseconds. */
+/* Arms (enable 1) or disarms (any other value) the watchdog with a feed interval in
+ * milliseconds (whole seconds count; below 1000 leaves only the 60 s grace). */
 int SoftDogEnable(int enable, unsigned int interval_ms);
 /* Changes the feed interval (counts as a feed). */
 int SoftDogFeedInterval(unsigned int interval_ms);
@@ -59,13 +70,15 @@ int SoftDogFeed(void);
 
 /* ---- Serial ports ("Local/Uart/1" to "Local/Uart/16") ---- */
 
-/* Sets the line parameters: baud rate, data bits (5-8), stop bits (1, 2), parity (0 none, 1 odd, 2 even). */
+/* Sets the line parameters: baud rate (300 to 115200), data bits (5-8), stop bits (1, 2),
+ * parity (0 none, 1 odd, 2 even). */
 int SetUartParam(const char *name, int iBaudRate, int iDataSize, int iStopBit, int iParity);
 /* Reads back the line parameters last set. */
 int GetUartParam(const char *name, int *iBaudRate, int *iDataSize, int *iStopBit, int *iParity);
 /* Sends len bytes of buf out of the port. */
 int WriteUart(const char *name, const char *buf, int len);
-/* Takes up to len received bytes into buf, waiting up to timeout ms once; returns the count. */
+/* Takes up to len received bytes into buf; when none are there, waits timeout ms (at least 1)
+ * and looks once more. Returns the count (0 when nothing came), -1 for a bad name or buffer. */
 int ReadUart(const char *name, char *buf, int len, int timeout);
 
 /* ---- Wireless dial and system ---- */

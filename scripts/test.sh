@@ -3,7 +3,8 @@
 #   bash scripts/test.sh               every stage, in the order below
 #   bash scripts/test.sh asan tsan     the named stages only
 # Stages, each in a build folder of its own:
-#   werror    gcc, warnings as errors, the whole suite                  build-ci/
+#   werror    gcc, warnings as errors, the whole suite, then the build    build-ci/
+#             installed and used by C programs (scripts/check_install.sh)
 #   asan      clang, ASan+UBSan halting on the first report, the suite  build-asan/
 #   tsan      clang, ThreadSanitizer, the suite                         build-tsan/
 #   fuzz      every fuzz target for 30 s on its seeds (scripts/fuzz.sh) build-fuzz/
@@ -65,7 +66,8 @@ sanitized_suite() {  # address|thread, build folder
 stage_werror() {
   cmake -S . -B build-ci -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFSU_WERROR=ON >/dev/null &&
     cmake --build build-ci -j2 &&
-    suite build-ci
+    suite build-ci &&
+    bash scripts/check_install.sh build-ci
 }
 
 stage_asan() { sanitized_suite address build-asan; }

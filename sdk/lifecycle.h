@@ -1,10 +1,12 @@
 // Start-up of the SDK and the small lifecycle services around it.
 #pragma once
 
+#include "fsusdk.h"
+
 namespace fsu::sdk {
 
-constexpr const char* kEdition = "SE";
-constexpr const char* kVersion = "1.0.9";
+constexpr const char* kEdition = FSUSDK_EDITION;
+constexpr const char* kVersion = FSUSDK_VERSION;
 // Build date ("Dec 27 2023") and time ("23:09:56") of this SDK.
 const char* build_date();
 const char* build_time();

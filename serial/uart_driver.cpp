@@ -1,10 +1,12 @@
 #include "serial/uart_driver.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include "platform/clock.h"
@@ -83,6 +85,19 @@ bool write_all(int fd, const std::uint8_t* p, std::uint32_t len, std::uint32_t* 
   return true;
 }
 
+// One SDK process per unit: an open port holds an advisory lock, so that a second process is
+// told the ports are taken instead of both silently stealing each other's bytes.
+bool take_port(int fd, const char* path) {
+  if (flock(fd, LOCK_EX | LOCK_NB) == 0) return true;
+  static std::atomic<bool> told{false};
+  if (!told.exchange(true)) {
+    std::printf("SDK: %s is taken by another SDK process; one process at a time may use the unit's serial "
+                "ports, this one leaves the taken ports alone\n", path);
+    support::SDK_LOG_WRITE(support::SDK_LOG_SYS, "serial ports taken by another process (%s)", path);
+  }
+  return false;
+}
+
 }  // namespace
 
 void print_stump(int index, const char* function, int line) {
@@ -106,8 +121,13 @@ std::uint32_t BSP_ComGetSlots() { return static_cast<std::uint32_t>(g_nComSlots)
 std::uint32_t BSP_ComCreate(std::uint32_t slot) {
   if (slot >= static_cast<std::uint32_t>(g_nComSlots)) return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
   BSP_COM_OBJ& obj = g_stComObj[slot];
-  obj.nFd.store(-1);
-  const int fd = open(platform::DevicePath(obj.szPath).c_str(), kPortOpenFlags);
+  // A port opened again is not left open twice: its lock would refuse the second open.
+  if (const int old = obj.nFd.exchange(-1); old >= 0) close(old);
+  int fd = open(platform::DevicePath(obj.szPath).c_str(), kPortOpenFlags);
+  if (fd >= 0 && !take_port(fd, obj.szPath)) {
+    close(fd);
+    fd = -1;
+  }
   if (fd < 0) {
     std::printf("BSP_ComCreate(%d, %s) Failed !\n", static_cast<int>(slot), obj.szPath);
     return fail(__func__, __LINE__, BSP_COM_ERR_DEVICE);

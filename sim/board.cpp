@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "platform/clock.h"
@@ -192,8 +193,56 @@ bool Board::start(std::string* error) {
   }
   up_ = true;
   state_.update(platform::monotonic_seconds(), true);
+  start_guard();
   thread_ = std::thread(&Board::serve, this);
   return true;
+}
+
+// A process that outlives a board whose process ends without stop() (killed, crashed): it then
+// writes "board down" into sim/state and removes the port links and sim/board.pid, so that
+// nothing claims the board is up or leads to a pseudo-terminal that may be given to another.
+void Board::start_guard() {
+  // Everything is prepared before the fork: the guard itself makes system calls only.
+  const std::string state = root_ + "/sim/state";
+  const std::string state_new = state + ".guard";
+  const std::string pid_file = root_ + "/sim/board.pid";
+  std::vector<std::string> links;
+  for (int i = 1; i <= kMainPorts; ++i) links.push_back(root_ + "/dev/ttymxc" + std::to_string(i));
+  constexpr char kDown[] = "board down\n";
+  const pid_t board = getpid();
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) return;
+  const pid_t pid = fork();
+  if (pid != 0) {
+    close(fds[0]);
+    if (pid < 0) {
+      close(fds[1]);
+      return;
+    }
+    guard_ = pid;
+    guard_pipe_ = fds[1];
+    return;
+  }
+  // The guard: no descriptor of the board (its terminals must close with it), no signals of
+  // the terminal; it waits for the end of the pipe, which comes when the board's process ends.
+  const int null = open("/dev/null", O_RDWR);
+  for (int fd = 0; fd <= 2; ++fd) dup2(null, fd);
+  const int wait_fd = fcntl(fds[0], F_DUPFD, 3);
+  close_range(3, wait_fd - 1, 0);
+  close_range(static_cast<unsigned>(wait_fd) + 1, ~0U, 0);
+  for (const int sig : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGPIPE}) signal(sig, SIG_IGN);
+  char byte = 0;
+  while (read(wait_fd, &byte, 1) != 0 && errno == EINTR) {
+  }
+  if (pid_in(pid_file) == board) {  // stop() removes the file before it lets the guard go
+    for (const std::string& link : links) unlink(link.c_str());
+    unlink(pid_file.c_str());
+    const int fd = open(state_new.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0644);
+    if (fd >= 0 && write(fd, kDown, sizeof kDown - 1) == sizeof kDown - 1 && close(fd) == 0) {
+      rename(state_new.c_str(), state.c_str());
+    }
+  }
+  _exit(0);
 }
 
 void Board::stop() {
@@ -206,6 +255,11 @@ void Board::stop() {
   close_ports();
   state_.write("board down\n");
   unlink((root_ + "/sim/board.pid").c_str());
+  if (guard_ > 0) {
+    close(guard_pipe_);
+    waitpid(guard_, nullptr, 0);
+    guard_ = guard_pipe_ = -1;
+  }
 }
 
 void Board::close_ports() {

@@ -71,6 +71,7 @@ class Board {
   void describe_gpio(std::string& out) const;
   void describe_control(std::string& out) const;
   void close_ports();
+  void start_guard();
 
   std::string root_;
   BoardOptions options_;
@@ -88,6 +89,8 @@ class Board {
   std::deque<std::string> errors_;  // the latest rejected lines, for sim/state
   std::thread thread_;
   int wake_[2] = {-1, -1};  // a byte in this pipe ends the service thread
+  pid_t guard_ = -1;        // brings the board down in the files when this process dies
+  int guard_pipe_ = -1;     // its end of the pipe; the guard wakes when it closes
 };
 
 // The live process that holds a board up in `root`, or 0.

@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <spawn.h>
 #include <string>
 #include <string_view>
@@ -42,6 +44,7 @@ constexpr char kUsage[] =
     "%s"
     "  fsusim tool NAME ARG...\n"
     "      the simulator's side of a stand-in device tool (uci)\n"
+    "  fsusim --version\n"
     "port options (N is 1 to 12 for Local/Uart/1 to Local/Uart/12; 1 to 4 are the main\n"
     "board's ports, 5 to 12 the channels of the extension boards):\n"
     "  --terminal N   a terminal for a person at the far end of port N (its path is printed)\n"
@@ -51,8 +54,14 @@ constexpr char kUsage[] =
     "  --ctl LINE     a control line applied as the board comes up (\"modem row 11\")\n";
 
 int usage(int code) {
-  std::fprintf(stderr, kUsage, fsu::sim::kWebUsage);
+  std::fprintf(code == 0 ? stdout : stderr, kUsage, fsu::sim::kWebUsage);
   return code;
+}
+
+// Names what is wrong with the command line, rather than printing the whole usage.
+int bad_use(const std::string& what) {
+  std::fprintf(stderr, "fsusim: %s; fsusim --help shows the usage\n", what.c_str());
+  return kUsageError;
 }
 
 int failure(const std::string& what) {
@@ -81,10 +90,16 @@ bool usable_root(const char* dir, std::string* root) {
 
 // Takes the option at argv[*i] (and its value) when it is one that `run` and `up` share: the
 // root, or a port's far end, which becomes a control line applied as the board comes up.
-bool board_option(int argc, char** argv, int* i, const char** root, std::vector<std::string>* commands) {
+// Returns false for any other argument; a known option without a good value sets *error.
+bool board_option(int argc, char** argv, int* i, const char** root, std::vector<std::string>* commands,
+                  std::string* error) {
   const std::string_view arg = argv[*i];
   const auto value = [&](std::string_view name) -> const char* {
-    if (arg == name && *i + 1 < argc) return argv[++*i];
+    if (arg == name) {
+      if (*i + 1 < argc) return argv[++*i];
+      *error = std::string(name) + " needs a value";
+      return "";
+    }
     if (arg.size() > name.size() && arg.starts_with(name) && arg[name.size()] == '=') {
       return argv[*i] + name.size() + 1;
     }
@@ -104,13 +119,29 @@ bool board_option(int argc, char** argv, int* i, const char** root, std::vector<
     return true;
   }
   for (const char* mode : {"terminal", "silent", "loopback"}) {
-    if (const char* port = value(std::string("--") + mode)) {
-      commands->push_back(std::string("uart ") + port + " " + mode);
-      return true;
+    const std::string option = std::string("--") + mode;
+    const char* port = value(option);
+    if (port == nullptr) continue;
+    const std::string_view number = port;
+    if (error->empty() && (number.empty() || number.size() > 2 || number.find_first_not_of("0123456789") != number.npos ||
+                           std::atoi(port) < 1 || std::atoi(port) > 12)) {
+      *error = option + " " + port + ": no port " + port + " (ports are 1 to 12)";
     }
+    commands->push_back(std::string("uart ") + port + " " + mode);
+    return true;
   }
   return false;
 }
+
+// Removes a root that this command made, when it fails.
+struct MadeRoot {
+  std::string root;
+  bool made = false;
+  explicit MadeRoot(const std::string& dir) : root(dir), made(access(dir.c_str(), F_OK) != 0) {}
+  void remove() const {
+    if (made) fsu::sim::remove_sandbox(root);
+  }
+};
 
 // Messages of the board for the person who runs it.
 fsu::sim::BoardOptions board_options(std::vector<std::string> commands, FILE* out) {
@@ -199,6 +230,7 @@ bool temporary_root(std::string* made) {
 int command_run(int argc, char** argv) {
   const char* root_arg = nullptr;
   std::vector<std::string> commands;
+  std::string error;
   int i = 0;
   for (; i < argc; ++i) {
     const std::string_view arg = argv[i];
@@ -206,11 +238,14 @@ int command_run(int argc, char** argv) {
       ++i;
       break;
     }
-    if (board_option(argc, argv, &i, &root_arg, &commands)) continue;
-    if (arg.starts_with("-")) return usage(kUsageError);
+    if (board_option(argc, argv, &i, &root_arg, &commands, &error)) {
+      if (!error.empty()) return bad_use("run: " + error);
+      continue;
+    }
+    if (arg.starts_with("-")) return bad_use("run: unknown option " + std::string(arg));
     break;
   }
-  if (i >= argc) return usage(kUsageError);
+  if (i >= argc) return bad_use("run: no command to run (fsusim run [OPTION...] -- COMMAND [ARG...])");
 
   std::string made;
   if (root_arg == nullptr) {
@@ -218,14 +253,17 @@ int command_run(int argc, char** argv) {
     root_arg = made.c_str();
   }
   std::string root;
-  std::string error;
   int code = 1;
   if (usable_root(root_arg, &root)) {
     // The command owns standard output; the board speaks on standard error.
+    const MadeRoot given(root);
     fsu::sim::Board board(root, board_options(std::move(commands), stderr));
     if (!fsu::sim::make_sandbox(root, own_path(), &error) || !board.start(&error)) {
       failure(error);
+      if (made.empty()) given.remove();
     } else {
+      std::fprintf(stderr, "fsusim: board up in %s (fsusim ctl --root %s LINE... changes it)\n", root.c_str(),
+                   root.c_str());
       code = run_command(root, argv + i);
     }
   }
@@ -236,10 +274,14 @@ int command_run(int argc, char** argv) {
 int command_up(int argc, char** argv) {
   const char* root_arg = nullptr;
   std::vector<std::string> commands;
+  std::string error;
   for (int i = 0; i < argc; ++i) {
-    if (!board_option(argc, argv, &i, &root_arg, &commands)) return usage(kUsageError);
+    if (!board_option(argc, argv, &i, &root_arg, &commands, &error)) {
+      return bad_use("up: unknown argument " + std::string(argv[i]));
+    }
+    if (!error.empty()) return bad_use("up: " + error);
   }
-  if (root_arg == nullptr) return usage(kUsageError);
+  if (root_arg == nullptr) return bad_use("up: needs --root DIR");
   std::string root;
   if (!usable_root(root_arg, &root)) return 1;
 
@@ -249,9 +291,12 @@ int command_up(int argc, char** argv) {
   for (const int sig : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&stop_signals, sig);
   sigprocmask(SIG_BLOCK, &stop_signals, nullptr);
 
-  std::string error;
+  const MadeRoot given(root);
   fsu::sim::Board board(root, board_options(std::move(commands), stdout));
-  if (!fsu::sim::make_sandbox(root, own_path(), &error) || !board.start(&error)) return failure(error);
+  if (!fsu::sim::make_sandbox(root, own_path(), &error) || !board.start(&error)) {
+    given.remove();
+    return failure(error);
+  }
   std::printf("fsusim: board up in %s; run an application with FSU_ROOT=%s PATH=%s/bin:$PATH "
               "(CTRL+C stops the board)\n",
               root.c_str(), root.c_str(), root.c_str());
@@ -262,27 +307,58 @@ int command_up(int argc, char** argv) {
   return 0;
 }
 
+// The terminals that control lines asked for ("uart 2 terminal"), as sim/state shows them.
+void print_terminals(const std::string& root, const std::vector<std::string>& lines) {
+  std::vector<std::string> state;
+  std::ifstream in(root + "/sim/state");
+  for (std::string line; std::getline(in, line);) state.push_back(line);
+  const auto field = [](const std::string& line, const std::string& key) {
+    const std::size_t at = line.find(" " + key + "=");
+    if (at == std::string::npos) return std::string();
+    const std::size_t start = at + key.size() + 2;
+    return line.substr(start, line.find(' ', start) - start);
+  };
+  for (const std::string& line : lines) {
+    std::istringstream words(line);
+    std::string kind, number, mode;
+    if (!(words >> kind >> number >> mode) || (kind != "uart" && kind != "port") || mode != "terminal") continue;
+    for (const std::string& shown : state) {
+      if (!shown.starts_with(kind + " " + number + " ")) continue;
+      std::printf("%s terminal: %s\n", field(shown, "for").c_str(), field(shown, "terminal").c_str());
+    }
+  }
+}
+
 int command_ctl(int argc, char** argv) {
   const char* root_arg = nullptr;
   std::vector<std::string> unused;
+  std::string error;
   int i = 0;
-  if (argc > 0 && board_option(argc, argv, &i, &root_arg, &unused) && unused.empty()) ++i;
-  if (root_arg == nullptr || i >= argc) return usage(kUsageError);
+  if (argc > 0 && board_option(argc, argv, &i, &root_arg, &unused, &error) && unused.empty()) ++i;
+  if (!error.empty()) return bad_use("ctl: " + error);
+  if (root_arg == nullptr) return bad_use("ctl: needs --root DIR first");
+  if (i >= argc) return bad_use("ctl: no control line (such as \"uart 2 terminal\")");
   std::string root;
   if (!usable_root(root_arg, &root)) return 1;
   const std::vector<std::string> lines(argv + i, argv + argc);
   std::vector<std::string> errors;
-  if (fsu::sim::send_control(root, lines, kControlTimeout, &errors)) return 0;
-  for (const std::string& error : errors) failure(error);
+  if (fsu::sim::send_control(root, lines, kControlTimeout, &errors)) {
+    print_terminals(root, lines);
+    return 0;
+  }
+  for (const std::string& message : errors) failure(message);
   return 1;
 }
 
 int command_web(int argc, char** argv) {
   const char* root_arg = nullptr;
   std::vector<std::string> unused;
+  std::string error;
   int i = 0;
-  if (argc > 0 && board_option(argc, argv, &i, &root_arg, &unused) && unused.empty()) ++i;
-  if (root_arg == nullptr || i >= argc) return usage(kUsageError);
+  if (argc > 0 && board_option(argc, argv, &i, &root_arg, &unused, &error) && unused.empty()) ++i;
+  if (!error.empty()) return bad_use("web: " + error);
+  if (root_arg == nullptr) return bad_use("web: needs --root DIR first");
+  if (i >= argc) return bad_use("web: no request (fsusim --help shows them)");
   std::string root;
   if (!usable_root(root_arg, &root)) return 1;
   return fsu::sim::web_command(root, std::span<char* const>(argv + i, static_cast<std::size_t>(argc - i)), stdout,
@@ -290,7 +366,7 @@ int command_web(int argc, char** argv) {
 }
 
 int command_tool(int argc, char** argv) {
-  if (argc < 1) return usage(kUsageError);
+  if (argc < 1) return bad_use("tool: needs the name of a stand-in tool");
   // The tools act on a sandbox only, never on the host's own files.
   const char* env_root = std::getenv("FSU_ROOT");
   if (env_root == nullptr || !fsu::platform::set_root(env_root) || !fsu::platform::in_sandbox()) {
@@ -310,10 +386,14 @@ int main(int argc, char** argv) {
   if (argc < 2) return usage(kUsageError);
   const std::string_view command = argv[1];
   if (command == "--help" || command == "-h" || command == "help") return usage(0);
+  if (command == "--version") {
+    std::printf("fsusim %s\n", FSU_VERSION_TEXT);
+    return 0;
+  }
   if (command == "run") return command_run(argc - 2, argv + 2);
   if (command == "up") return command_up(argc - 2, argv + 2);
   if (command == "ctl") return command_ctl(argc - 2, argv + 2);
   if (command == "web") return command_web(argc - 2, argv + 2);
   if (command == "tool") return command_tool(argc - 2, argv + 2);
-  return usage(kUsageError);
+  return bad_use("unknown command " + std::string(command) + " (commands: run, up, ctl, web, tool)");
 }

@@ -1,22 +1,24 @@
-/* A first application on the FSU SDK: sets "Local/Uart/1" to 115200 8N1, writes a line and
- * prints what comes back. On the simulated board the port ends in a loopback plug, so the
- * line returns as it was sent.
+/* A first application on the FSU SDK: sets a serial port (by default "Local/Uart/1") to 115200
+ * 8N1, writes a line and prints what comes back within 5 s. On the simulated board the port
+ * ends in a loopback plug, so the line returns as it was sent; exits 0 when it did.
  *
  * Build against an installed SDK:  cc uart_echo.c $(pkg-config --cflags --libs fsusdk)
- * Run on the simulated board:      fsusim run -- ./uart_echo
+ * Run on the simulated board:      fsusim run -- ./uart_echo [PORT]
+ * Answer it yourself:              fsusim run --terminal 2 -- ./uart_echo Local/Uart/2
  */
 #include <stdio.h>
 #include <string.h>
 
 #include <fsusdk.h>
 
-int main(void) {
-  static const char port[] = "Local/Uart/1";
-  static const char line[] = "hello from Local/Uart/1\r\n";
-  const int length = (int)strlen(line);
+int main(int argc, char **argv) {
+  const char *port = argc > 1 ? argv[1] : "Local/Uart/1";
+  char line[64];
   char reply[256];
   int got = 0;
 
+  snprintf(line, sizeof line, "hello from %s\r\n", port);
+  const int length = (int)strlen(line);
   InitializeSDK();
   if (SetUartParam(port, 115200, 8, 1, 0) != 0) {
     fprintf(stderr, "uart_echo: cannot set %s\n", port);
@@ -26,8 +28,8 @@ int main(void) {
     fprintf(stderr, "uart_echo: cannot write %s\n", port);
     return 1;
   }
-  /* The port's reader collects what arrives every 100 ms; wait up to about 2 s for the reply. */
-  for (int tries = 0; tries < 20 && got < length; ++tries) {
+  /* The port's reader collects what arrives every 100 ms; each read waits up to 100 ms. */
+  for (int tries = 0; tries < 50 && got < length; ++tries) {
     const int n = ReadUart(port, reply + got, (int)sizeof reply - 1 - got, 100);
     if (n > 0) got += n;
   }

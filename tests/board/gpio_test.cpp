@@ -1,8 +1,10 @@
+// The sysfs GPIO lines: the texts written (without line ends), the values read back, and the
+// messages of lines that cannot be opened.
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <functional>
 #include <string>
+#include <vector>
 
 #include "board/gpio.h"
 #include "tests/common/test_sandbox.h"
@@ -10,44 +12,30 @@
 namespace fsu::board {
 namespace {
 
-std::string printed_by(const std::function<void()>& call) {
-  testing::internal::CaptureStdout();
-  call();
-  return testing::internal::GetCapturedStdout();
-}
-
-TEST(Gpio, WritesTheSysfsTextsWithoutLineEnds) {
+TEST(Gpio, WritesTheSysfsTextsWithoutLineEndsAndReportsLinesThatCannotBeOpened) {
   test::TestSandbox box;
-  EXPECT_EQ(bsp_gpio_direction(4, 5), 0);
-  EXPECT_EQ(box.read("/sys/class/gpio/gpio4/direction"), "out");
-  EXPECT_EQ(bsp_gpio_direction(4, 0), 0);
-  EXPECT_EQ(box.read("/sys/class/gpio/gpio4/direction"), "in");
-  EXPECT_EQ(bsp_gpio_write(4, -1), 0);
-  EXPECT_EQ(box.read("/sys/class/gpio/gpio4/value"), "1");
-  EXPECT_EQ(bsp_gpio_read(4), 1);
+  const auto file = [&](const char* name) { return box.read(std::string("/sys/class/gpio/gpio4/") + name); };
+  EXPECT_EQ(bsp_gpio_direction(4, 5) + bsp_gpio_write(4, -1), 0);
+  EXPECT_EQ(file("direction") + file("value"), "out1");
+  EXPECT_EQ(bsp_gpio_direction(4, 0) + bsp_gpio_read(4), 1);
+  EXPECT_EQ(file("direction"), "in");  // cut behind the text: not "int"
   box.write("/sys/class/gpio/gpio4/value", "0\n");
   EXPECT_EQ(bsp_gpio_read(4), 0);
-  const char* edges[] = {"none", "rising", "falling", "both", "none"};
-  for (int code = -1; code <= 4; ++code) {
-    EXPECT_EQ(bsp_gpio_edge(4, code), 0);
-    EXPECT_EQ(box.read("/sys/class/gpio/gpio4/edge"), edges[code < 0 ? 0 : code]) << code;
-  }
+  std::string edges;
+  for (int code = -1; code <= 4; ++code) edges += (bsp_gpio_edge(4, code) == 0 ? file("edge") : "?") + " ";
+  EXPECT_EQ(edges, "none none rising falling both none ");
   EXPECT_EQ(bsp_gpio_export(12), 0);
   EXPECT_EQ(box.read("/sys/class/gpio/export"), "12");
-}
 
-TEST(Gpio, LinesThatCannotBeOpenedReportAndFail) {
-  test::TestSandbox box;
-  int result = 0;
-  EXPECT_EQ(printed_by([&] { result = bsp_gpio_direction(77, 1); }), "Failed to open gpio direction for writing!\n");
-  EXPECT_EQ(result, -1);
-  EXPECT_EQ(printed_by([&] { result = bsp_gpio_read(77); }), "Failed to open gpio value for reading!\n");
-  EXPECT_EQ(result, -1);
-  EXPECT_EQ(printed_by([&] { result = bsp_gpio_write(77, 1); }), "Failed to open gpio value for writing!\n");
-  EXPECT_EQ(printed_by([&] { result = bsp_gpio_edge(77, 1); }), "Failed to open gpio edge for writing!\n");
   std::remove(box.path("/sys/class/gpio/unexport").c_str());
-  EXPECT_EQ(printed_by([&] { result = bsp_gpio_unexport(77); }), "Failed to open unexport for writing!\n");
-  EXPECT_EQ(result, -1);
+  testing::internal::CaptureStdout();
+  const std::vector<int> results = {bsp_gpio_direction(77, 1), bsp_gpio_read(77), bsp_gpio_write(77, 1),
+                                    bsp_gpio_edge(77, 1), bsp_gpio_unexport(77)};  // called in this order
+  EXPECT_EQ(results, std::vector<int>(5, -1));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Failed to open gpio direction for writing!\nFailed to open gpio value for reading!\n"
+            "Failed to open gpio value for writing!\nFailed to open gpio edge for writing!\n"
+            "Failed to open unexport for writing!\n");
 }
 
 }  // namespace

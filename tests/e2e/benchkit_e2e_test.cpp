@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <tuple>
 
 #include "tests/common/console_driver.h"
 #include "tests/common/test_sandbox.h"
@@ -23,19 +24,16 @@ const std::string kMenu =
     "\t21.GPS+北斗定位\n\t22.GPS 定位\n\t23.北斗 定位\n\t98.获取模块静态动态信息\n\t99.设置GPS类型\n" +
     kRule + "输入测试项: ";
 
-std::vector<std::string> benchkit_on(const TestSandbox& box, const std::vector<std::string>& args = {},
-                                     const std::vector<std::string>& board_options = {}) {
-  std::vector<std::string> argv = {fsusim_path(), "run", "--root", box.root()};
-  argv.insert(argv.end(), board_options.begin(), board_options.end());
-  argv.push_back("--");
-  argv.push_back(benchkit_path());
+std::vector<std::string> benchkit_on(const TestSandbox& box, const std::vector<std::string>& args, bool boards = true) {
+  std::vector<std::string> argv = {fsusim_path(), "run", "--root", box.root(), "--without-boards", "--", benchkit_path()};
+  if (boards) argv.erase(argv.begin() + 4);
   argv.insert(argv.end(), args.begin(), args.end());
   return argv;
 }
 
-TEST(BenchkitOnSimulator, StartsTheSdkPrintsTheMenuAndEndsWithItsInput) {
+TEST(BenchkitOnSimulator, StartsTheSdkPrintsTheMenuAndEndsWithItsInputButIsWebModeForTheSingleArgumentWeb) {
   TestSandbox box;
-  ConsoleDriver console(benchkit_on(box), ConsoleDriver::Mode::kPipes);
+  ConsoleDriver console(benchkit_on(box, {"WEB"}), ConsoleDriver::Mode::kPipes);  // only "web" is web mode
   ASSERT_TRUE(console.wait_for("输入测试项: ", 30)) << console.output();
   const std::string& out = console.output();
   EXPECT_EQ(out.substr(out.find(kRule)), kMenu);
@@ -45,9 +43,7 @@ TEST(BenchkitOnSimulator, StartsTheSdkPrintsTheMenuAndEndsWithItsInput) {
   console.send("2\n");
   ASSERT_TRUE(console.wait_for_count("输入测试项: ", 2, 10)) << console.output();
   EXPECT_NE(console.output().find(kMenu + "COM=12;AI=16;DI=16,AO=0,DO=4串口数量:12\r\nAI数量:16\r\nDI数量:16\r\n"
-                                          "DO数量:4\r\n" + kMenu),
-            std::string::npos)
-      << console.output();
+                                          "DO数量:4\r\n" + kMenu), std::string::npos) << console.output();
 
   console.send("0\n19\n12abc\n\n");  // no items but 12 (a decimal prefix): the menu comes back each time
   ASSERT_TRUE(console.wait_for_count("输入测试项: ", 6, 10));
@@ -63,29 +59,30 @@ TEST(BenchkitOnSimulator, StartsTheSdkPrintsTheMenuAndEndsWithItsInput) {
   const std::string log = box.read("/tmp/sdklog.log");
   EXPECT_NE(log.find("sdk_SYS   Line=0000000001]:InitializeSDK"), std::string::npos) << log;
   EXPECT_NE(log.find("]:COM=12;AI=16;DI=16,AO=0,DO=4"), std::string::npos) << log;
+
+  ConsoleDriver web(benchkit_on(box, {"web"}), ConsoleDriver::Mode::kPipes);
+  ASSERT_TRUE(web.wait_for("流水灯闪烁模式\r\n/*****", 30)) << web.output();
+  EXPECT_EQ(web.output().find("输入测试项"), std::string::npos);
 }
 
 TEST(BenchkitOnSimulator, APersonAtTheTerminalSwitchesTheLogAndTheTwelveVoltLines) {
   TestSandbox box;
-  // A unit without extension boards: the least resources.
-  ConsoleDriver console(benchkit_on(box, {}, {"--without-boards"}), ConsoleDriver::Mode::kTerminal);
+  // A unit without extension boards: the least resources. Two arguments give the menu.
+  ConsoleDriver console(benchkit_on(box, {"web", "x"}, false), ConsoleDriver::Mode::kTerminal);
   ASSERT_TRUE(console.wait_for("输入测试项: ", 30)) << console.output();
-  console.send("8\r");
-  ASSERT_TRUE(console.wait_for("主板第一路12V上电", 10));
-  ASSERT_TRUE(console.wait_for_count("输入测试项: ", 2, 10));
+  const auto items = [&](const char* keys, int prompts) {
+    console.send(keys);
+    return console.wait_for_count("输入测试项: ", prompts, 10);
+  };
+  ASSERT_TRUE(items("8\r", 2) && console.output().find("主板第一路12V上电") != std::string::npos);
   EXPECT_EQ(box.read("/sys/class/gpio/gpio8/value"), "1\n");
-  console.send("9\r");
-  ASSERT_TRUE(console.wait_for_count("输入测试项: ", 3, 10));
+  ASSERT_TRUE(items("9\r", 3));
   EXPECT_EQ(box.read("/sys/class/gpio/gpio5/value"), "0\n");
-
-  console.send("18\r");  // log off: item 2 leaves no record
-  ASSERT_TRUE(console.wait_for_count("输入测试项: ", 4, 10));
+  ASSERT_TRUE(items("18\r", 4));  // log off: item 2 leaves no record
   const std::size_t before = box.read("/tmp/sdklog.log").size();
-  console.send("2\r");
-  ASSERT_TRUE(console.wait_for_count("输入测试项: ", 5, 10));
+  ASSERT_TRUE(items("2\r", 5));
   EXPECT_EQ(box.read("/tmp/sdklog.log").size(), before);
-  console.send("17\r2\r");
-  ASSERT_TRUE(console.wait_for_count("输入测试项: ", 7, 10));
+  ASSERT_TRUE(items("17\r2\r", 7));
   EXPECT_GT(box.read("/tmp/sdklog.log").size(), before);
   EXPECT_NE(console.output().find("COM=4;AI=0;DI=0,AO=0,DO=0串口数量:4"), std::string::npos) << console.output();
 
@@ -93,20 +90,9 @@ TEST(BenchkitOnSimulator, APersonAtTheTerminalSwitchesTheLogAndTheTwelveVoltLine
   EXPECT_EQ(console.wait_exit(10), 0);
 }
 
-TEST(BenchkitOnSimulator, WebModeOnlyForTheSingleArgumentWeb) {
-  TestSandbox box;
-  {
-    ConsoleDriver web(benchkit_on(box, {"web"}), ConsoleDriver::Mode::kPipes);
-    ASSERT_TRUE(web.wait_for("流水灯闪烁模式\r\n/*****", 30)) << web.output();
-    EXPECT_EQ(web.output().find("输入测试项"), std::string::npos);
-  }
-  for (const std::vector<std::string>& args : {std::vector<std::string>{"WEB"}, {"web", "x"}}) {
-    ConsoleDriver menu(benchkit_on(box, args), ConsoleDriver::Mode::kPipes);
-    EXPECT_TRUE(menu.wait_for("输入测试项: ", 30)) << menu.output();
-  }
-}
-
-TEST(BenchkitOffTheBoard, RefusesWithOneLineAndTouchesNothing) {
+// Off a board benchkit refuses with one line; --help and --version answer anywhere. Neither
+// runs a tool nor writes a file.
+TEST(BenchkitOffTheBoard, RefusesWithOneLineAndTouchesNothingButAnswersHelpAndVersion) {
   TestSandbox box;  // a folder for the spies only: benchkit is not pointed at it
   // Every tool benchkit could run stands first on the PATH and notes that it ran.
   const std::string spies = box.path("/spies");
@@ -115,22 +101,23 @@ TEST(BenchkitOffTheBoard, RefusesWithOneLineAndTouchesNothing) {
     box.write(std::string("/spies/") + tool, "#!/bin/sh\necho \"$0 $*\" >>" + spies + "/ran\n");
     std::filesystem::permissions(spies + "/" + tool, std::filesystem::perms::owner_all);
   }
-  const auto version_file = [] {
-    std::error_code missing;
-    return std::filesystem::last_write_time("/tmp/sdkversion", missing);
-  };
+  std::error_code missing;
+  const auto version_file = [&] { return std::filesystem::last_write_time("/tmp/sdkversion", missing); };
   const auto version_before = version_file();
   const std::string path = "PATH=" + spies + ":" + std::getenv("PATH");
-  const std::pair<std::string, const char*> cases[] = {
-      {"-u FSU_ROOT", "fsu: no board here (/dev/ttymxc1 is missing) and FSU_ROOT is not set"},
-      {"FSU_ROOT=" + box.root() + "/missing", "fsu: FSU_ROOT names no folder"},
-      {"FSU_ROOT=" + box.root() + "/a b", "fsu: FSU_ROOT is unusable"}};
-  for (const auto& [setting, says] : cases) {
-    std::vector<std::string> argv = {"env", setting, path, benchkit_path()};
-    if (setting == "-u FSU_ROOT") argv = {"env", "-u", "FSU_ROOT", path, benchkit_path()};
+  const std::tuple<std::string, const char*, const char*, int> cases[] = {
+      {"FSU_ROOT", "", "fsu: no board here (/dev/ttymxc1 is missing) and FSU_ROOT is not set", 1},
+      {"FSU_ROOT=" + box.root() + "/missing", "", "fsu: FSU_ROOT names no folder", 1},
+      {"FSU_ROOT=" + box.root() + "/a b", "", "fsu: FSU_ROOT is unusable", 1},
+      {"FSU_ROOT", "--help", "usage:\r\n  benchkit ", 0}, {"FSU_ROOT", "--version", "benchkit SE-1.0.9\r\n", 0}};
+  for (const auto& [setting, arg, says, status] : cases) {
+    std::vector<std::string> argv = {"env", setting, path, benchkit_path(), arg};
+    if (setting == "FSU_ROOT") argv.insert(argv.begin() + 1, "-u");  // unset
+    if (*arg == '\0') argv.pop_back();
     ConsoleDriver console(argv, ConsoleDriver::Mode::kTerminal);  // standard error too
-    EXPECT_EQ(console.wait_exit(10), 1) << says;
-    EXPECT_TRUE(console.output().starts_with(says) && console.output().find('\n') == console.output().size() - 1)
+    EXPECT_EQ(console.wait_exit(10), status) << says;
+    EXPECT_TRUE(console.output().starts_with(says) &&
+                (status == 0 || console.output().find('\n') == console.output().size() - 1))
         << console.output();
   }
   EXPECT_FALSE(box.exists("/spies/ran")) << box.read("/spies/ran");

@@ -1,6 +1,5 @@
-// Applications and benchkit on the simulated board's extension and environment boards: inputs
-// set on the board reach the application, relays follow the console's items, the board LEDs
-// follow the links.
+// Applications and benchkit on the simulated board's extension and environment boards: inputs reach
+// the application, relays follow it and the console, LEDs follow the links; the watchdog left unfed.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -9,9 +8,7 @@
 #include <tuple>
 #include <vector>
 
-#include "platform/clock.h"
 #include "tests/common/console_driver.h"
-#include "tests/common/test_sandbox.h"
 #include "tests/sim/board_fixture.h"
 
 namespace fsu::test {
@@ -20,18 +17,15 @@ namespace {
 using sim::poll_until;
 using sim::state_shows;
 
-// Hands control lines to the board up in the sandbox with `fsusim ctl`.
-void control(const TestSandbox& box, std::vector<std::string> lines) {
-  std::vector<std::string> argv = {fsusim_path(), "ctl", "--root", box.root()};
-  argv.insert(argv.end(), lines.begin(), lines.end());
-  ConsoleDriver ctl(argv, ConsoleDriver::Mode::kPipes);
-  ASSERT_EQ(ctl.wait_exit(10), 0) << ctl.output();
+// Hands control lines to the board up in the sandbox, as `fsusim ctl` does.
+void control(const TestSandbox& box, const std::vector<std::string>& lines) {
+  std::vector<std::string> errors;
+  EXPECT_TRUE(sim::send_control(box.root(), lines, 10, &errors)) << errors.front();
 }
 
 // The level of a GPIO line, '0' or '1'; '?' while the value file is being rewritten.
 char gpio(const TestSandbox& box, int line) {
-  const std::string value = box.read("/sys/class/gpio/gpio" + std::to_string(line) + "/value");
-  return value.empty() ? '?' : value[0];
+  return (box.read("/sys/class/gpio/gpio" + std::to_string(line) + "/value") + "?")[0];
 }
 
 // The times at which a GPIO line changed its level while it was watched for `seconds`.
@@ -49,72 +43,68 @@ std::vector<double> changes(const TestSandbox& box, int line, double seconds) {
   return at;
 }
 
-// An application on the board that reads points on request (tests/e2e/board_points.c).
-class PointsApp {
- public:
+// An application on the board that reads points on request (examples/inputs_relays).
+struct PointsApp {
   explicit PointsApp(const TestSandbox& box)
-      : app_({fsusim_path(), "run", "--root", box.root(), "--", FSU_TEST_BOARD_POINTS}, ConsoleDriver::Mode::kPipes) {
-    ready_ = app_.wait_for("board_points: ready\n", 60);
-  }
-  bool ready() const { return ready_; }
-  ConsoleDriver& console() { return app_; }
-
-  // Asks for a point ("ai 3") until `accept` takes the answer's value or `seconds` pass; the
-  // last value given.
+      : console({fsusim_path(), "run", "--root", box.root(), "--", FSU_TEST_INPUTS_RELAYS}, ConsoleDriver::Mode::kPipes),
+        ready(console.wait_for("inputs_relays: ready\n", 60)) {}
+  // Asks for a point ("ai 3") until `accept` takes the answer's value or `seconds` pass; the last value given.
   double ask_until(const std::string& point, double seconds, const auto& accept) {
     double value = -1;
     poll_until(seconds, [&] {
-      app_.send(point + "\n");
+      console.send(point + "\n");
       const std::string prefix = point + " = ";
-      if (!app_.wait_for_count(prefix, ++asked_[point], 2)) return false;
-      const std::string& out = app_.output();
-      value = std::strtod(out.c_str() + out.rfind(prefix) + prefix.size(), nullptr);
+      if (!console.wait_for_count(prefix, ++asked[point], 2)) return false;
+      value = std::strtod(console.output().c_str() + console.output().rfind(prefix) + prefix.size(), nullptr);
       return accept(value);
     });
     return value;
   }
-
- private:
-  ConsoleDriver app_;
-  bool ready_ = false;
-  std::map<std::string, int> asked_;
+  ConsoleDriver console;
+  const bool ready;
+  std::map<std::string, int> asked;
 };
 
 bool snapped_to_2_5(double volts) { return volts >= 2.5 && volts <= 2.5 + 9e-6 + 1e-7; }
 
-TEST(BoardsOnSimulator, InputsSetOnTheBoardReachAnApplicationAndStayWhenBoardOneFallsSilent) {
+TEST(BoardsOnSimulator, AnApplicationReadsInputsSwitchesRelaysAndTakesTheLedsWhileTheBoardsComeAndGo) {
   TestSandbox box;
   PointsApp app(box);
-  ASSERT_TRUE(app.ready()) << app.console().output();
-  EXPECT_TRUE(poll_until(3, [&] { return gpio(box, 4) == '0'; }));  // the board LED: answers come in
+  ASSERT_TRUE(app.ready) << app.console.output();
+  EXPECT_NE(app.console.output().find("\"Local/Uart/12\",\"Local/AI/1\""), std::string::npos);
+  const std::vector<double> blinks = changes(box, 1, 3.6);  // the run LED, by the SDK's LED thread
+  ASSERT_GE(blinks.size(), 3u);
+  for (std::size_t i = 1; i < blinks.size(); ++i) EXPECT_NEAR(blinks[i] - blinks[i - 1], 1.0, 0.3) << i;
+  EXPECT_EQ(gpio(box, 4), '0');  // the board LED: answers come in
 
   control(box, {"ai 3 2.5", "di 5 closed"});
   EXPECT_TRUE(snapped_to_2_5(app.ask_until("ai 3", 5, snapped_to_2_5)));
   EXPECT_EQ(app.ask_until("di 5", 5, [](double state) { return state == 1; }), 1);
   EXPECT_EQ(app.ask_until("di 6", 1, [](double) { return true; }), 0);
+  app.console.send("do 1 1\ndo 5 1\nai 17\ndo 9 1\n");
+  for (const char* relay : {"relay 1 ", "relay 5 "})
+    EXPECT_TRUE(poll_until(5, [&] { return sim::state_line(box, relay).find("state=on") != std::string::npos; })) << relay;
+  EXPECT_TRUE(app.console.wait_for("ai 17: no such input on this unit\ndo 9: no such output\n", 5));
 
-  control(box, {"board 1 silent", "ai 3 1", "di 5 open"});
+  control(box, {"board 1 silent", "ai 3 1", "di 5 open"});  // the readings stay, the LED goes dark
   EXPECT_TRUE(poll_until(3, [&] { return gpio(box, 4) == '1'; }));
-  EXPECT_TRUE(changes(box, 4, 2.5).empty());  // stays dark
+  EXPECT_TRUE(changes(box, 4, 2.5).empty());
   EXPECT_TRUE(snapped_to_2_5(app.ask_until("ai 3", 0.1, [](double) { return true; })));
   EXPECT_EQ(app.ask_until("di 5", 0.1, [](double) { return true; }), 1);
-
   control(box, {"board 1 on"});
   EXPECT_TRUE(poll_until(3, [&] { return gpio(box, 4) == '0'; }));
   EXPECT_NEAR(app.ask_until("ai 3", 5, [](double volts) { return volts < 2; }), 1.0, 1e-5);
-}
 
-TEST(BoardsOnSimulator, RunLedBlinksUntilAnApplicationTakesTheLeds) {
-  TestSandbox box;
-  PointsApp app(box);
-  ASSERT_TRUE(app.ready()) << app.console().output();
-  const std::vector<double> blinks = changes(box, 1, 3.6);
-  ASSERT_GE(blinks.size(), 3u);
-  for (std::size_t i = 1; i < blinks.size(); ++i) EXPECT_NEAR(blinks[i] - blinks[i - 1], 1.0, 0.3) << i;
-
-  app.console().send("led\n");
-  ASSERT_TRUE(app.console().wait_for("led taken", 5));
+  app.console.send("led 2 1\n");
+  ASSERT_TRUE(app.console.wait_for("led 2 = 1", 5));
   EXPECT_LE(changes(box, 1, 3).size(), 1u);  // a pass already under way may still toggle it once
+
+  ConsoleDriver second({FSU_TEST_INPUTS_RELAYS}, ConsoleDriver::Mode::kPipes,
+                       {"FSU_ROOT=" + box.root(), "PATH=" + box.root() + "/bin:/usr/bin:/bin"});
+  EXPECT_TRUE(second.wait_for("SDK: /dev/ttymxc1 is taken by another SDK process;", 30)) << second.output();
+  second.end_input();
+  EXPECT_EQ(second.wait_exit(30), 0);
+  EXPECT_EQ(second.output().find("is taken", second.output().find("is taken") + 1), std::string::npos);
 }
 
 TEST(BenchkitOnSimulator, HiddenItemsSwitchTheRelaysOfTheEnvironmentBoardAndBoardTwo) {
@@ -126,6 +116,17 @@ TEST(BenchkitOnSimulator, HiddenItemsSwitchTheRelaysOfTheEnvironmentBoardAndBoar
     console.send(std::string(item) + "\n");
     EXPECT_TRUE(state_shows(box, relay, state)) << item;  // within 2 s
   }
+}
+
+TEST(Examples, WatchdogLeftUnfedRebootsTheUnit) {
+  TestSandbox box;
+  ConsoleDriver app({fsusim_path(), "run", "--root", box.root(), "--", FSU_TEST_WATCHDOG, "1000", "1"},
+                    ConsoleDriver::Mode::kPipes);
+  ASSERT_TRUE(app.wait_for("watchdog: no more feeding", 60)) << app.output();
+  EXPECT_EQ(box.calls().find("reboot"), std::string::npos);  // not before it is due
+  EXPECT_EQ(app.wait_exit(150), 0) << app.output();
+  EXPECT_NE(box.calls().find("\nreboot\n"), std::string::npos) << box.calls();
+  EXPECT_NE(box.read("/tmp/sdklog.log").find("soft dog start,ready reboot=1"), std::string::npos);
 }
 
 }  // namespace

@@ -1,57 +1,34 @@
-// Applications on the simulated board's serial ports: a loopback plug on port 1, a person's
-// terminal on port 2.
+// The serial example on the simulated board: its line comes back through the loopback plug of
+// port 1, and a person at the terminal of port 2 sees it and answers.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <regex>
 #include <string>
-#include <termios.h>
-#include <unistd.h>
 
-#include "platform/clock.h"
 #include "tests/common/console_driver.h"
-#include "tests/common/test_sandbox.h"
+#include "tests/sim/board_fixture.h"
 
 namespace fsu::test {
 namespace {
 
-TEST(SerialOnSimulator, ExampleLineComesBackThroughTheLoopbackPlug) {
+TEST(SerialOnSimulator, UartEchoGetsItsLineBackThroughTheLoopbackPlugAndAPersonAtPortTwoSeesItAndAnswers) {
   TestSandbox box;
   ConsoleDriver app({fsusim_path(), "run", "--root", box.root(), "--", FSU_TEST_UART_ECHO}, ConsoleDriver::Mode::kPipes);
   EXPECT_EQ(app.wait_exit(60), 0) << app.output();
-  EXPECT_NE(app.output().find("uart_echo: sent 25 bytes, received 25 bytes: hello from Local/Uart/1\r\n"),
-            std::string::npos)
+  EXPECT_NE(app.output().find("uart_echo: sent 25 bytes, received 25 bytes: hello from Local/Uart/1\r\n"), std::string::npos)
       << app.output();
-}
 
-TEST(SerialOnSimulator, APersonAtPortTwoSeesTheWritesAndAnswers) {
-  TestSandbox box;
-  ConsoleDriver app({fsusim_path(), "run", "--root", box.root(), "--terminal", "2", "--", FSU_TEST_UART_TALK,
-                     "Local/Uart/2"},
-                    ConsoleDriver::Mode::kTerminal);
-  ASSERT_TRUE(app.wait_for("uart_talk: ready", 60)) << app.output();
+  ConsoleDriver at_two({fsusim_path(), "run", "--root", box.root(), "--terminal", "2", "--", FSU_TEST_UART_ECHO, "Local/Uart/2"},
+                       ConsoleDriver::Mode::kTerminal);
+  ASSERT_TRUE(at_two.wait_for("Local/Uart/2 terminal: /dev/pts/", 10)) << at_two.output();
   std::smatch m;
-  const std::string out = app.output();
-  ASSERT_TRUE(std::regex_search(out, m, std::regex("Local/Uart/2 terminal: (/dev/pts/[0-9]+)"))) << out;
-
-  const int person = open(m[1].str().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-  ASSERT_GE(person, 0);
-  termios raw{};
-  tcgetattr(person, &raw);
-  cfmakeraw(&raw);
-  tcsetattr(person, TCSANOW, &raw);
-  std::string seen;
-  const double deadline = platform::monotonic_seconds() + 10;
-  while (seen.find("from sdk\n") == std::string::npos && platform::monotonic_seconds() < deadline) {
-    char buf[256];
-    const ssize_t n = read(person, buf, sizeof buf);  // raw, VMIN 1: waits for bytes
-    if (n > 0) seen.append(buf, static_cast<std::size_t>(n));
-  }
-  EXPECT_EQ(seen, "from sdk\n");
-  const std::string typed = "from person, bye\n";
-  ASSERT_EQ(write(person, typed.data(), typed.size()), static_cast<ssize_t>(typed.size()));
-  EXPECT_TRUE(app.wait_for("uart_talk: got [from person, bye", 20)) << app.output();
-  EXPECT_EQ(app.wait_exit(20), 0);
+  const std::string out = at_two.output();
+  ASSERT_TRUE(std::regex_search(out, m, std::regex("terminal: (/dev/pts/[0-9]+)"))) << out;
+  const int person = sim::open_port(m[1].str(), B115200);
+  EXPECT_EQ(sim::take(person, 25, 30), "hello from Local/Uart/2\r\n");
+  sim::put(person, "HELLO FROM A PERSON, BYE\n");
+  EXPECT_TRUE(at_two.wait_for("received 25 bytes: HELLO FROM A PERSON, BYE", 10)) << at_two.output();
+  EXPECT_EQ(at_two.wait_exit(10), 1);  // not its own line
   close(person);
 }
 

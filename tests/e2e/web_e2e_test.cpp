@@ -1,5 +1,3 @@
-// benchkit on the simulated board as the device's web pages and a person at the console see it:
-// request files answered through `fsusim web`, the menu's test items, and web mode.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -56,11 +54,9 @@ TEST(WebPagesOnSimulator, RequestsAnsweredAndItemsOnAUnitWithoutBoards) {
   })) << db;
   console.send("11\n14\n1\n13\n1\n13\n4\n");
   ASSERT_TRUE(console.wait_for("串口4 返回数据(20):0123456789ABCDEFGHIJ\r\n", 15)) << console.output();
-  for (const std::string& printed : {"AIDI 数据信息:" + kNoBoard, std::string("串口1 返回数据(20):~10012D92E002FFFCFA\r\r\n")}) {
+  for (const std::string& printed : {"AIDI 数据信息:" + kNoBoard, std::string("串口1 返回数据(20):~10012D92E002FFFCFA\r\r\n")})
     EXPECT_NE(console.output().find(printed), std::string::npos) << printed;
-  }
   EXPECT_NE(box.read("/tmp/comlog.log").find("]\r\nTX:7E 31 30 30 31 32 44 39 32 45 30 30 32 46 46 46 43 46 41 0D \r\nRX:7E"), std::string::npos);
-
   console.send("3\n");  // the echo test on a person's terminal at port 2
   ASSERT_TRUE(console.wait_for("COM——MAX=4", 10));
   const int person = sim::open_port(sim::terminal_of(box, "uart 2 "), B9600);
@@ -107,27 +103,21 @@ TEST(WebPagesOnSimulator, WebModeCountsSwitchesOutputsPublishesTheModemAndDialsA
   };
   sim::PortCounters earlier{}, now{};
   std::string error;
-  for (int round = 0; round < 2; ++round, earlier = now) {
+  for (int round = 0; round < 2; ++round, earlier = now)
     EXPECT_TRUE(poll_until(10, [&] { return sim::read_counters(box.root(), &now, &error) && above(now, earlier); })) << error;
-  }
   EXPECT_TRUE(page(box, {"counters"}).ends_with("port 16 sent=0 received=0\n"));
   for (const std::string state : {"on", "off"}) {
     EXPECT_EQ(page(box, {"all-outputs", state}), "");
-    for (const std::string line : {"relay 1 ", "relay 4 ", "12v 1 ", "12v 2 "}) {
+    for (const std::string line : {"relay 1 ", "relay 4 ", "12v 1 ", "12v 2 "})
       EXPECT_TRUE(poll_until(5, [&] { return sim::state_line(box, line).ends_with("state=" + state); })) << line;
-    }
   }
   EXPECT_TRUE(poll_until(5, [&] { return box.read("/sys/class/gpio/gpio18/value")[0] == '0'; }));  // chase: alarm lit
-  std::remove(box.path("/tmp/NetModuleInfo").c_str());
-  EXPECT_TRUE(poll_until(3, [&] {  // rewritten each second; the signal as the supervisor last set it
-    const std::string info = box.read("/tmp/NetModuleInfo");
-    return info.starts_with("SIM 卡状态: 识别中;SIM 卡ISMI号: ;模块IMEI: ;模块信号强度:") && info.ends_with(";模块网络IP:;");
-  }));
-  const auto dialled_twice = [&] {
+  std::remove(box.path("/tmp/NetModuleInfo").c_str());  // rewritten each second
+  EXPECT_TRUE(poll_until(3, [&] { return box.read("/tmp/NetModuleInfo").starts_with("SIM 卡状态: 识别中;"); }));
+  EXPECT_TRUE(poll_until(80, [&] {  // dialled twice
     const std::string log = box.read("/tmp/sdklog.log");
     return log.find("]:执行拨号动作", log.find("]:执行拨号动作") + 1) != std::string::npos;
-  };
-  EXPECT_TRUE(poll_until(80, dialled_twice));
+  }));
   EXPECT_GT(platform::monotonic_seconds() - started, 57.0);
   EXPECT_EQ(web.output().find("收到数据异常"), std::string::npos) << web.output();
 }

@@ -1,11 +1,11 @@
-// The NMEA reader on batches as the receiver's reader thread hands them over, and the signal
-// report built from what it read.
+// The NMEA reader on batches as the receiver's reader thread hands them over, and its signal report.
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "gps/gps_record.h"
@@ -33,13 +33,8 @@ int read_batch(std::string text, std::size_t size = 1025) {
 const std::string kGga = "$GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,*47\r\n";
 const std::string kSouth = "$GNRMC,081836,A,3351.000,S,15112.500,E,000.0,360.0,130998,011.3,E*7A\r\n";
 
-class NmeaReader : public ::testing::Test {
- protected:
-  void SetUp() override {
-    setenv("TZ", "UTC", 1);
-    tzset();
-    reset_gps_reader_for_tests();
-  }
+struct NmeaReader : ::testing::Test {
+  NmeaReader() { setenv("TZ", "UTC", 1); tzset(); reset_gps_reader_for_tests(); }
 };
 
 TEST_F(NmeaReader, ParsesOnlyBatchesAboveTheThresholdAndReadsPositionInSinglePrecision) {
@@ -52,14 +47,13 @@ TEST_F(NmeaReader, ParsesOnlyBatchesAboveTheThresholdAndReadsPositionInSinglePre
   EXPECT_EQ(fix.longitude, static_cast<float>(fix.longitude));  // single precision, stored as a double
   EXPECT_FLOAT_EQ(fix.altitude, 592.3f);
 
-  // Sentences that leave the position alone; the GN talker's RMC in the south moves it, positive.
-  std::string lower = kSouth, inner_dollar = kSouth;
-  lower.replace(lower.find("*7A"), 3, "*7a");
-  inner_dollar.insert(20, "$");
+  // Sentences that leave the position alone (checksum in lower case, "$" inside, no fix, cut short,
+  // too long, a NUL); the GN talker's RMC in the south moves it, positive.
   // "$" to "*" at most 200 bytes: a body of 199 characters is the longest taken.
   const auto padded = [](std::size_t size) { return std::string("GPRMC,1,A,2230.000,S,1.0,E,").append(size - 27, ','); };
   for (const std::string& ignored :
-       {lower, inner_dollar, nmea("GPRMC,081836,V,3351.000,S,15112.500,E,,,130998,,"), nmea("GPGGA,123519,,N,01131.000,E,1,08"),
+       {std::string(kSouth).replace(kSouth.find("*7A"), 3, "*7a"), std::string(kSouth).insert(20, "$"),
+        nmea("GPRMC,081836,V,3351.000,S,15112.500,E,,,130998,,"), nmea("GPGGA,123519,,N,01131.000,E,1,08"),
         kSouth.substr(0, kSouth.size() - 5), nmea(padded(200)), std::string("$GPRMC,1,A,33\0", 14) + "*1\r\n"}) {
     read_batch(ignored);
     EXPECT_FLOAT_EQ(static_cast<float>(gps_fix().latitude), 48.1173f) << ignored;
@@ -118,8 +112,7 @@ TEST_F(NmeaReader, GsvGroupsFillTheSlotsWhenCompleteAndGsaCountsSatellitesUsed) 
   // Satellites used, counted by talker: GN counts for neither.
   read_batch(nmea("GPGSA,A,3,04,05,,09,12,,,24,,,,,2.5,1.3,2.1") + nmea("BDGSA,A,3,01,02,03,04,05,06,07,08,09,10,11,12,2.5,1.3,2.1,4") +
              nmea("GNGSA,A,3,01,02,03,,,,,,,,,,2.5,1.3,2.1"));
-  EXPECT_EQ(gps_fix().gps_used, 5);
-  EXPECT_EQ(gps_fix().bd_used, 12);
+  EXPECT_EQ(std::pair(gps_fix().gps_used, gps_fix().bd_used), std::pair(5.0f, 12.0f));
 }
 
 TEST_F(NmeaReader, OversizedFieldsAndGsvBlocksStayWithinTheRecord) {
@@ -135,15 +128,12 @@ TEST_F(NmeaReader, OversizedFieldsAndGsvBlocksStayWithinTheRecord) {
 }
 
 TEST(ReadAStr, TakesTheTextBetweenTwoCountedNeedles) {
-  const std::string long_field = "$A," + std::string(150, 'x') + ",";
-  const struct {
-    const char *text, *a, *b;
-    int n, m;
-    std::string expected;
-  } rows[] = {{"$GPZDA,0827,16,11*6B", ",", ",", 2, 3, "16"}, {"$GPZDA,0827,16,11*6B", ",", "*", 3, 1, "11"},
-              {"$GPZDA,0827,16,11*6B", ",", ",", 3, 4, ""},  {"aaa", "aa", "a", 2, 3, ""},
-              {"abcabc", "bc", "bc", 1, 2, "a"},            {long_field.c_str(), ",", ",", 1, 2, std::string(99, 'x')}};
-  for (const auto& row : rows) EXPECT_EQ(Read_A_Str(row.text, row.n, row.m, row.a, row.b), row.expected) << row.n << row.m;
+  const std::string zda = "$GPZDA,0827,16,11*6B", long_field = "$A," + std::string(150, 'x') + ",";
+  for (const auto& [text, n, m, a, b, expected] :
+       {std::tuple{zda, 2, 3, ",", ",", std::string("16")}, {zda, 3, 1, ",", "*", "11"}, {zda, 3, 4, ",", ",", ""},
+        {"aaa", 2, 3, "aa", "a", ""}, {"abcabc", 1, 2, "bc", "bc", "a"}, {long_field, 1, 2, ",", ",", std::string(99, 'x')}}) {
+    EXPECT_EQ(Read_A_Str(text.c_str(), n, m, a, b), expected) << text << n << m;
+  }
   const std::uint8_t body[] = "GPZDA,082710.00,16,11,2026,00,00";
   EXPECT_TRUE(Read_Str_Num("aaaa", "aa") == 3 && Check_sum(body, sizeof body - 1) == 0x6B);
 }

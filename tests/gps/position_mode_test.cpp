@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "fsusdk.h"
 #include "gps/gps_record.h"
@@ -11,8 +12,7 @@
 #include "serial/uart_driver.h"
 #include "support/config_reader.h"
 #include "support/sdk_log.h"
-#include "tests/common/pty_pair.h"
-#include "tests/common/test_sandbox.h"
+#include "tests/sim/board_fixture.h"
 
 namespace fsu::gps {
 namespace {
@@ -40,24 +40,21 @@ struct Unit {
   }
   ~Unit() { serial::BSP_ComDestroy(6); }
   test::TestSandbox box;
-  test::PtyPair receiver{box.path("/dev/ttymxc7")};
+  sim::FakeUart receiver{box.path("/dev/ttymxc7")};
 };
-
-std::string text(const std::vector<std::uint8_t>& bytes) { return std::string(bytes.begin(), bytes.end()); }
 
 TEST(PositionMode, FirstStartAppliesTheFactoryDefaultOnceAndCommandsBothSystems) {
   Unit unit("\toption pcas '0'\n");
   GPS_DEFAULT_SET();
   GPS_DEFAULT_SET();
   EXPECT_EQ(unit.box.read("/etc/kq_bd_gps_default"), "1\n");
-  EXPECT_EQ(option("pcas"), "2");
   EXPECT_EQ(unit.box.calls(), "uci set dtm.sys.pcas=2\nuci commit\n");
 
   char report[1024];
   EXPECT_EQ(BSP_GET_GPS_dB_INFO(report), -1);  // no GSV group has come yet
   read_batch(kGga);
   EXPECT_EQ(GPS_MODE_UPDATE(), 256);  // rm finds no /tmp/gps_* files
-  EXPECT_EQ(text(unit.receiver.drain()), kBoth);
+  EXPECT_EQ(unit.receiver.drain(), kBoth);
   EXPECT_EQ(waited, 3);
   EXPECT_EQ(Read_PositionMode(), 2);
   EXPECT_NE(unit.box.read("/tmp/sdklog.log").find("gps_pcas=0,PositionMode=2"), std::string::npos);
@@ -70,34 +67,23 @@ TEST(PositionMode, FirstStartAppliesTheFactoryDefaultOnceAndCommandsBothSystems)
 }
 
 TEST(PositionMode, SettersCompareWithThePcasOptionAndCommandByPcasSdk) {
-  const struct {
-    int (*set)(int);
-    int mode;
-    const char* dtm;
-    std::string wire;
-    const char *pcas, *pcas_sdk;
-    int position_mode, read_mode;
-  } rows[] = {
-      {GPS_SET_PCAS, 1, "\toption pcas '2'\n", kGpsOnly, "1", "1", 1, 1},
-      {GPS_SET_PCAS, 2, "\toption pcas '2'\n\toption pcas_sdk '1'\n", kGpsOnly, "2", "1", 1, 1},
-      {BSP_SET_GPS_PCAS, 0, "\toption pcas '2'\n", kBoth, "0", "0", 0, 0},
-      {SetPositionMode, 3, "\toption pcas '2'\n\toption pcas_sdk '1'\n", kBoth, "3", "3", 3, 3},
-      {SDK_GPS_SET_PCAS, 0, "\toption pcas '2'\n", "", "99999", "99999", 99999, 0},
-      {SetPositionMode, 0, "\toption pcas '2'\n", "", "99999", "99999", 99999, 0},
-  };
-  for (const auto& row : rows) {
-    Unit unit(row.dtm);
+  const std::string pcas2 = "\toption pcas '2'\n", sdk1 = pcas2 + "\toption pcas_sdk '1'\n";
+  // Each row: the call, the dtm file, then the wire, pcas, pcas_sdk, PositionMode, Read_PositionMode.
+  for (const auto& [set, mode, dtm, expected] : {std::tuple{&GPS_SET_PCAS, 1, pcas2, kGpsOnly + "|1|1|1|1"},
+                                                 {GPS_SET_PCAS, 2, sdk1, kGpsOnly + "|2|1|1|1"},
+                                                 {BSP_SET_GPS_PCAS, 0, pcas2, kBoth + "|0|0|0|0"},
+                                                 {SetPositionMode, 3, sdk1, kBoth + "|3|3|3|3"},
+                                                 {SDK_GPS_SET_PCAS, 0, pcas2, "|99999|99999|99999|0"},
+                                                 {SetPositionMode, 0, pcas2, "|99999|99999|99999|0"}}) {
+    Unit unit(dtm);
     read_batch(kGga);
-    EXPECT_NE(row.set(row.mode), -1);
-    const std::string where = std::string(row.dtm) + " mode " + std::to_string(row.mode);
-    EXPECT_EQ(text(unit.receiver.drain()), row.wire) << where;
-    EXPECT_EQ(option("pcas"), row.pcas) << where;
-    EXPECT_EQ(option("pcas_sdk"), row.pcas_sdk) << where;
-    EXPECT_EQ(PositionMode.load(), row.position_mode) << where;
-    EXPECT_EQ(Read_PositionMode(), row.read_mode) << where;
+    EXPECT_NE(set(mode), -1);
+    const std::string where = dtm + " mode " + std::to_string(mode);
+    EXPECT_EQ(unit.receiver.drain() + "|" + option("pcas") + "|" + option("pcas_sdk") + "|" + std::to_string(PositionMode.load()) +
+                  "|" + std::to_string(Read_PositionMode()), expected) << where;
     EXPECT_EQ(gps_fix().latitude, 0) << where;
     // Nothing is written when the option already holds the mode.
-    EXPECT_EQ(unit.box.calls().find("uci commit") == std::string::npos, row.mode == 2) << where;
+    EXPECT_EQ(unit.box.calls().find("uci commit") == std::string::npos, mode == 2) << where;
   }
 }
 

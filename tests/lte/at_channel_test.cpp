@@ -1,17 +1,13 @@
 // The AT channel against a pseudo-terminal standing in for the modem's AT port.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
-
-using namespace std::string_literals;
 
 #include "lte/at_channel.h"
 #include "lte/ntu.h"
 #include "platform/clock.h"
 #include "support/sdk_log.h"
-#include "tests/common/pty_pair.h"
-#include "tests/common/test_sandbox.h"
+#include "tests/sim/board_fixture.h"
 
 namespace fsu::lte {
 namespace {
@@ -23,64 +19,51 @@ struct AtPort : ::testing::Test {
     EXPECT_EQ(at_port_open("/dev/ttyUSB3"), 0);
   }
   ~AtPort() override { at_port_close(); }
-  // Seconds an exchange takes, with its result.
-  double timed(int* result, const char* command, const char* prefix, int lines = 2) {
+  // An exchange's result; `took` keeps the seconds it took.
+  int exchange(const char* command, const char* prefix, int lines = 2) {
     const double start = platform::monotonic_seconds();
-    *result = write_wait_read(command, prefix, out_put, sizeof out_put, lines, 1);
-    return platform::monotonic_seconds() - start;
+    const int result = write_wait_read(command, prefix, out_put, sizeof out_put, lines, 1);
+    took = platform::monotonic_seconds() - start;
+    return result;
   }
+  double took = 0;
   test::TestSandbox box;
-  test::PtyPair modem;
+  sim::FakeUart modem;
 };
 
-TEST_F(AtPort, LinesAreCutAtLineEndsAndHandedOutWithoutWaitingWhenBuffered) {
-  int result = 0;
+TEST_F(AtPort, LinesErrorsTimeOutsOverlongLinesAndAClosedPort) {
   modem.send("\r\n+csq: 24,99\r\n\r\nok\r\n> ");
   EXPECT_EQ(write_wait_read("AT+CSQ", "+CSQ", out_put, sizeof out_put, 2, 1), kAtOk);
   EXPECT_STREQ(out_put, "+CSQ: 24,99");  // in capitals
-  const std::vector<std::uint8_t> sent = modem.receive(7, 1);
-  EXPECT_EQ(std::string(sent.begin(), sent.end()), "AT+CSQ\r");
+  EXPECT_EQ(modem.receive(7, 1), "AT+CSQ\r");
   const double start = platform::monotonic_seconds();
   EXPECT_STREQ(readline(0), "ok");  // already buffered: no read, no wait
   EXPECT_LT(platform::monotonic_seconds() - start, 0.05);
   EXPECT_STREQ(readline(5), "> ");  // the input prompt has no line end
-  modem.send("\r\nO\0K\r\n"s);      // a NUL byte does not hide the line end behind it
-  EXPECT_LT(timed(&result, "", "OK"), 0.5);
-  EXPECT_EQ(result, kAtOk);
-}
-
-TEST_F(AtPort, ErrorRepliesTimeOutsAndAClosedPort) {
-  int result = 0;
-  modem.send("\r\n+CSQ: ERROR\r\n");
-  timed(&result, "AT+CSQ", "+CSQ");
-  EXPECT_EQ(result, kAtOk);  // the prefix is tested first
-  modem.send("\r\n+CME ERROR: 10\r\n");
-  timed(&result, "AT+CIMI", "+CIMI");
-  EXPECT_EQ(result, kAtError);
-  const double waited = timed(&result, "AT", "OK");  // silent: three waits of 11 ticks
-  EXPECT_EQ(result, kAtTimeout);
-  EXPECT_GT(waited, 3.2);
-  EXPECT_LT(waited, 6);
-  EXPECT_EQ(NTU.attimeout.load(), 1);
-  EXPECT_NE(box.read("/tmp/sdklog.log").find("no data At time out"), std::string::npos);
-  at_port_close();
-  EXPECT_EQ(writeline("AT"), -1);
-  EXPECT_EQ(write_wait_read1("AT", "OK", out_put, sizeof out_put, 2, 1), kAtWriteFailed);
-}
-
-TEST_F(AtPort, AnOverlongLineIsDroppedAndAppendsStopAtTheDestination) {
-  int result = 0;
+  modem.send(std::string("\r\nO\0K\r\n", 7));  // a NUL byte does not hide the line end behind it
+  EXPECT_EQ(exchange("", "OK"), kAtOk);
+  EXPECT_LT(took, 0.5);
+  // An overlong line is dropped, and appends stop at the destination.
   modem.send(std::string(8192, 'x') + "\r\nOK\r\n");
-  timed(&result, "", "OK", 8);
-  EXPECT_EQ(result, kAtOk);
+  EXPECT_EQ(exchange("", "OK", 8), kAtOk);
   EXPECT_NE(box.read("/tmp/sdklog.log").find("tERROR: Input line exceeded buffer"), std::string::npos);
-  char out[24];
-  std::memset(out, 0, sizeof out);
+  char out[24] = {};
   out[23] = '#';
   modem.send("\r\n" + std::string(100, 'a') + "\r\nOK\r\n");
   EXPECT_EQ(write_wait_readcimi("AT+CGSN", "OK", out, 16, 4, 1), kAtOk);
   EXPECT_EQ(std::string(out), std::string(15, 'A'));
   EXPECT_EQ(out[23], '#');
+  modem.send("\r\n+CSQ: ERROR\r\n");
+  EXPECT_EQ(exchange("AT+CSQ", "+CSQ"), kAtOk);  // the prefix is tested first
+  modem.send("\r\n+CME ERROR: 10\r\n");
+  EXPECT_EQ(exchange("AT+CIMI", "+CIMI"), kAtError);
+  EXPECT_EQ(exchange("AT", "OK"), kAtTimeout);  // silent: three waits of 11 ticks
+  EXPECT_TRUE(took > 3.2 && took < 6) << took;
+  EXPECT_EQ(NTU.attimeout.load(), 1);
+  EXPECT_NE(box.read("/tmp/sdklog.log").find("no data At time out"), std::string::npos);
+  at_port_close();
+  EXPECT_EQ(writeline("AT"), -1);
+  EXPECT_EQ(write_wait_read1("AT", "OK", out_put, sizeof out_put, 2, 1), kAtWriteFailed);
 }
 
 }  // namespace

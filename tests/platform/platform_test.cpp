@@ -1,7 +1,8 @@
-// The sandbox switch: device paths land under the root, commands run with the sandbox's tools
-// and never at all where a device tool has no stand-in, caller text cannot change a command.
+// The sandbox switch: device paths land under the root, commands run with the sandbox's tools and
+// never at all where a device tool has no stand-in, caller text cannot change a command.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <sys/stat.h>
 
@@ -15,81 +16,60 @@ namespace {
 
 std::string capture(const char* command, std::size_t size = 4096) {
   std::string out(size, '\0');
-  const long n = capture_command(command, out.data(), size);
-  out.resize(n < 0 ? 0 : static_cast<std::size_t>(n));
+  out.resize(static_cast<std::size_t>(std::max(0L, capture_command(command, out.data(), size))));
   return out;
 }
 
-TEST(SandboxRoot, ResolvesDevicePathsUnderTheRoot) {
+TEST(SandboxRoot, ResolvesDevicePathsUnderTheRootAndRefusesRootsAndTextsACommandLineCouldMisread) {
   fsu::test::TestSandbox box;
   EXPECT_STREQ(DevicePath("/tmp/sdklog.log").c_str(), (box.root() + "/tmp/sdklog.log").c_str());
   EXPECT_STREQ(DevicePath("relative/file").c_str(), "relative/file");
-
   char small[8];
   EXPECT_FALSE(resolve("/tmp/sdklog.log", small, sizeof small));
   EXPECT_STREQ(small, "");
 
+  for (const std::string& bad : {std::string("/tmp/with space"), std::string("/tmp/x;reboot"),
+                                 std::string(kMaxRootLength + 1, 'a')}) EXPECT_FALSE(set_root(bad.c_str())) << bad;
+  EXPECT_STREQ(root(), box.root().c_str());  // the previous root stays
   ASSERT_TRUE(set_root("/"));
   EXPECT_FALSE(in_sandbox());
   EXPECT_STREQ(DevicePath("/tmp/x").c_str(), "/tmp/x");
+
+  // Caller text that could change a command is refused.
+  for (const char* bad : {"a'b", "a\"b", "a`b`", "$(x)", "a\\b", "a;b", "a&b", "a|b", "a<b", "a>b",
+                          "(a)", "a\nb", "a\rb", "a\tb"}) {
+    EXPECT_FALSE(caller_text_is_safe(bad, Blanks::kAllowed)) << bad;
+  }
+  EXPECT_FALSE(caller_text_is_safe(nullptr, Blanks::kAllowed) || caller_text_is_safe("/tmp/a b.gz", Blanks::kRefused));
+  EXPECT_TRUE(caller_text_is_safe("2023-12-27 23:09:56", Blanks::kAllowed) &&
+              caller_text_is_safe("/tmp/dt_sdk_upgrade.gz", Blanks::kRefused) && caller_text_is_safe("", Blanks::kRefused));
 }
 
-TEST(SandboxRoot, RefusesRootsThatACommandLineCouldMisread) {
+TEST(CommandRunner, RunsWithTheSandboxToolsOnlyAndCapturesBounded) {
   fsu::test::TestSandbox box;
-  EXPECT_FALSE(set_root("/tmp/with space"));
-  EXPECT_FALSE(set_root("/tmp/x;reboot"));
-  EXPECT_FALSE(set_root(std::string(kMaxRootLength + 1, 'a').c_str()));
-  EXPECT_STREQ(root(), box.root().c_str());  // the previous root stays
-}
-
-TEST(CommandRunner, RunsWithTheSandboxToolsFirst) {
-  fsu::test::TestSandbox box;
-  EXPECT_EQ(capture("echo $FSU_ROOT"), box.root() + "\n");
-  EXPECT_EQ(capture("command -v reboot"), box.root() + "/bin/reboot\n");
+  EXPECT_EQ(capture("echo $FSU_ROOT; command -v reboot"), box.root() + "\n" + box.root() + "/bin/reboot\n");
   EXPECT_EQ(run_command("reboot"), 0);
   EXPECT_NE(box.calls().find("reboot"), std::string::npos);
   EXPECT_EQ(run_commandf("exit %d", 3), 3 << 8);
-}
-
-TEST(CommandRunner, RefusesEverythingInASandboxWithoutTools) {
-  fsu::test::TestSandbox box;
-  ASSERT_EQ(::system(("rm -rf " + box.path("/bin")).c_str()), 0);
-  EXPECT_EQ(run_commandf("touch %s", DevicePath("/tmp/ran").c_str()), -1);
-  EXPECT_EQ(capture_command("echo hi", nullptr, 0), -1);
-  EXPECT_FALSE(box.exists("/tmp/ran"));
-}
-
-TEST(CommandRunner, RefusesDeviceToolsThatHaveNoStandIn) {
-  fsu::test::TestSandbox box;
-  ASSERT_EQ(::unlink(box.path("/bin/hwclock").c_str()), 0);
-  const std::string marker = DevicePath("/tmp/ran").c_str();
-  EXPECT_EQ(run_command(("touch " + marker + "; hwclock -w").c_str()), -1);
-  EXPECT_EQ(run_command(("touch " + marker + " && /sbin/reboot").c_str()), -1);
-  EXPECT_EQ(run_command("/usr/bin/date -s '2001-01-01'"), -1);
-  EXPECT_FALSE(box.exists("/tmp/ran"));
-  EXPECT_EQ(run_command(("touch " + marker).c_str()), 0);
-  EXPECT_TRUE(box.exists("/tmp/ran"));
-}
-
-TEST(CommandRunner, CaptureIsBoundedAndWaitsForTheCommand) {
-  fsu::test::TestSandbox box;
   EXPECT_EQ(capture("yes | head -c 100000", 10), "y\ny\ny\ny\ny\n");
   EXPECT_EQ(capture("printf abc; exit 1"), "abc");
   EXPECT_EQ(capture("true"), "");
   EXPECT_EQ(run_command(nullptr), -1);
   EXPECT_EQ(run_commandf("echo %s", std::string(kCommandSize, 'x').c_str()), -1);
-}
 
-TEST(CallerText, RefusesWhatCouldChangeACommand) {
-  for (const char* bad : {"a'b", "a\"b", "a`b`", "$(x)", "a\\b", "a;b", "a&b", "a|b", "a<b", "a>b",
-                          "(a)", "a\nb", "a\rb", "a\tb"}) {
-    EXPECT_FALSE(caller_text_is_safe(bad, Blanks::kAllowed)) << bad;
+  // Device tools without a stand-in never run, nor does anything once the tools are gone.
+  ASSERT_EQ(::unlink(box.path("/bin/hwclock").c_str()), 0);
+  const std::string marker = DevicePath("/tmp/ran").c_str();
+  for (const std::string& refused : {"touch " + marker + "; hwclock -w", "touch " + marker + " && /sbin/reboot",
+                                     std::string("/usr/bin/date -s '2001-01-01'")}) {
+    EXPECT_EQ(run_command(refused.c_str()), -1) << refused;
   }
-  EXPECT_FALSE(caller_text_is_safe(nullptr, Blanks::kAllowed));
-  EXPECT_FALSE(caller_text_is_safe("/tmp/a b.gz", Blanks::kRefused));
-  EXPECT_TRUE(caller_text_is_safe("2023-12-27 23:09:56", Blanks::kAllowed));
-  EXPECT_TRUE(caller_text_is_safe("/tmp/dt_sdk_upgrade.gz", Blanks::kRefused));
-  EXPECT_TRUE(caller_text_is_safe("", Blanks::kRefused));
+  EXPECT_FALSE(box.exists("/tmp/ran"));
+  EXPECT_EQ(run_command(("touch " + marker).c_str()), 0);
+  EXPECT_TRUE(box.exists("/tmp/ran"));
+  ASSERT_EQ(::system(("rm -rf " + box.path("/bin") + " " + marker).c_str()), 0);
+  EXPECT_EQ(run_command(("touch " + marker).c_str()) + capture_command("echo hi", nullptr, 0), -2);
+  EXPECT_FALSE(box.exists("/tmp/ran"));
 }
 
 }  // namespace

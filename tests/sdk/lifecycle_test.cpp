@@ -1,15 +1,15 @@
+// Start-up once, the version file and text, the clock check, the upgrade hand-off and the
+// hardware information.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <filesystem>
 #include <string>
 
 #include "fsusdk.h"
 #include "gps/nmea_reader.h"
-#include "platform/clock.h"
 #include "sdk/clock_repair.h"
 #include "sdk/lifecycle.h"
-#include "tests/common/test_sandbox.h"
+#include "tests/sim/board_fixture.h"
 
 namespace fsu::sdk {
 namespace {
@@ -24,8 +24,7 @@ TEST(Lifecycle, StartsOnceWritesVersionAndLogAndRepairsAFaultyClockFromTheReceiv
   ASSERT_EQ(InitializeSDK(), 0);
   // The receiver's UTC with its eight hours, set as the system time.
   EXPECT_NE(box.calls().find("date -s 2026-11-16 16:27:10\n"), std::string::npos) << box.calls();
-  const std::string version = std::string("Version:Sdk-SE1.0.9-") + build_date() + "-" + build_time();
-  EXPECT_EQ(box.read("/tmp/sdkversion"), version + "\r\n\n");
+  EXPECT_EQ(box.read("/tmp/sdkversion"), std::string("Version:Sdk-SE1.0.9-") + build_date() + "-" + build_time() + "\r\n\n");
   EXPECT_NE(box.read("/tmp/sdklog.log").find("sdk_SYS   Line=0000000001]:InitializeSDK"), std::string::npos);
   EXPECT_EQ(HW_RTC_IS_Err(), 1);
 
@@ -36,7 +35,7 @@ TEST(Lifecycle, StartsOnceWritesVersionAndLogAndRepairsAFaultyClockFromTheReceiv
   EXPECT_NE(box.read("/tmp/sdklog.log").find("]:UninitializeSDK"), std::string::npos);
 }
 
-TEST(Lifecycle, ClockCheckKeepsTheFlagClearWhenTheClockAnswersAndRepairsNothing) {
+TEST(Lifecycle, ClockCheckRepairsNothingWhenTheClockAnswersInformationIsBoundedAndUpdatesTakePlainPaths) {
   fsu::test::TestSandbox box;
   HW_RESOURCES_CHECK();
   EXPECT_EQ(HW_RTC_IS_Err(), 0);
@@ -46,20 +45,23 @@ TEST(Lifecycle, ClockCheckKeepsTheFlagClearWhenTheClockAnswersAndRepairsNothing)
   api_box_hw_check_pass();
   EXPECT_LT(platform::monotonic_seconds() - start, 0.5);
   EXPECT_EQ(box.calls().find("date"), std::string::npos);
-}
 
-TEST(Lifecycle, UpdateTakesOnlyArchivesWithPlainPaths) {
-  fsu::test::TestSandbox box;
+  char buf[64];
+  EXPECT_EQ(ReadSDKVersion(buf, sizeof buf), 0);
+  EXPECT_STREQ(buf, FSUSDK_EDITION "-" FSUSDK_VERSION);
+  EXPECT_STREQ(buf, "SE-1.0.9");
+  EXPECT_EQ(ReadSDKVersion(buf, 4) + ReadSDKVersion(nullptr, 9), -2);
+  EXPECT_STREQ(buf, "SE-");
+  EXPECT_EQ(ReadHardwareInformation(buf, 63), 0);
+  EXPECT_STREQ(buf, "{\"产品型号\":\"KTRV-QX\",\"生产日期\":\"2023-01-16 00:00:0\"}");
+  EXPECT_EQ(ReadHardwareInformation(buf, 62) + ReadHardwareInformation(buf, 0), -2);
+
+  // An update takes only archives with plain paths.
   box.write("/tmp/a.gz.bak", "archive");
   EXPECT_EQ(UpdateSDK("/tmp/a.gz.bak"), 0);
   EXPECT_EQ(box.read("/tmp/dt_upgrade.gz"), "archive");
   // The upgrade tool is started in the background.
-  const double deadline = platform::monotonic_seconds() + 10;
-  while (box.calls().find("kvupgrade -f") == std::string::npos && platform::monotonic_seconds() < deadline) {
-    platform::sleep_ms(10);
-  }
-  EXPECT_NE(box.calls().find("kvupgrade -f"), std::string::npos);
-
+  EXPECT_TRUE(sim::poll_until(10, [&] { return box.calls().find("kvupgrade -f") != std::string::npos; }));
   box.write("/tmp/a.zip", "zip");
   box.write("/tmp/b.gz", "b");
   for (const char* refused : {"/tmp/a.zip", "/tmp/b.gz;reboot", "/tmp/b.gz' '/x", "/../../../x.gz", "/tmp/../b.gz",
@@ -67,30 +69,13 @@ TEST(Lifecycle, UpdateTakesOnlyArchivesWithPlainPaths) {
     EXPECT_EQ(UpdateSDK(refused), -1) << refused;
   }
   EXPECT_EQ(UpdateSDK(nullptr), -1);
-  EXPECT_TRUE(box.exists("/tmp/a.zip"));
-  EXPECT_TRUE(box.exists("/tmp/b.gz"));
+  EXPECT_TRUE(box.exists("/tmp/a.zip") && box.exists("/tmp/b.gz"));
   EXPECT_EQ(box.read("/tmp/dt_upgrade.gz"), "archive");
   EXPECT_EQ(box.calls().find("reboot"), std::string::npos);
   std::filesystem::create_directory(box.path("/tmp/new dir"));
   box.write("/tmp/new dir/c.gz", "c");  // quoted in the command
   EXPECT_EQ(UpdateSDK("/tmp/new dir/c.gz"), 0);
   EXPECT_EQ(box.read("/tmp/dt_upgrade.gz"), "c");
-}
-
-TEST(Lifecycle, VersionAndHardwareInformationAreBounded) {
-  fsu::test::TestSandbox box;
-  char buf[64];
-  EXPECT_EQ(ReadSDKVersion(buf, sizeof buf), 0);
-  EXPECT_STREQ(buf, "SE-1.0.9");
-  EXPECT_EQ(ReadSDKVersion(buf, 4), -1);
-  EXPECT_STREQ(buf, "SE-");
-  EXPECT_EQ(ReadSDKVersion(nullptr, 9), -1);
-
-  char info[63];
-  EXPECT_EQ(ReadHardwareInformation(info, sizeof info), 0);
-  EXPECT_STREQ(info, "{\"产品型号\":\"KTRV-QX\",\"生产日期\":\"2023-01-16 00:00:0\"}");
-  EXPECT_EQ(ReadHardwareInformation(info, 62), -1);
-  EXPECT_EQ(ReadHardwareInformation(info, 0), -1);
 }
 
 }  // namespace

@@ -49,6 +49,8 @@ TEST(AsciiFrame, EncodesTheBoardCommandsAndRefusesWhatItCannotHold) {
   }
   POWER_7E_CMD cmd{};
   EXPECT_EQ(POWER_7E_CMDSend(cmd, nullptr, 100), 0);
+  cmd.LENGTH = 256;  // a full INFO fits, one byte more does not
+  EXPECT_EQ(POWER_7E_CMDSend(cmd, out, sizeof out), 530);
   cmd.LENGTH = 257;
   EXPECT_EQ(POWER_7E_CMDSend(cmd, out, sizeof out), 0);
 }
@@ -56,7 +58,9 @@ TEST(AsciiFrame, EncodesTheBoardCommandsAndRefusesWhatItCannotHold) {
 TEST(AsciiFrame, LengthWordChecksumAndHexText) {
   EXPECT_EQ(EnCheckLTH(2047), 0x4FFE);  // 1 and 10 INFO bytes are in the golden frames
   const std::uint8_t good[] = {0xE0, 0x02}, bad_sum[] = {0xF0, 0x02};
-  EXPECT_EQ(std::vector<int>({CheckLTH(good, 9), CheckLTH(bad_sum, 9), CheckLTH(good, 10)}), std::vector<int>({0, 1, 3}));
+  const std::uint8_t long_info[] = {static_cast<std::uint8_t>(EnCheckLTH(128) >> 8), static_cast<std::uint8_t>(EnCheckLTH(128))};
+  EXPECT_EQ(std::vector<int>({CheckLTH(good, 9), CheckLTH(bad_sum, 9), CheckLTH(good, 10), CheckLTH(long_info, 136)}),
+            std::vector<int>({0, 1, 3, 0}));  // the last: 128 INFO bytes, every digit of the length counts
   const auto check = [](const char* text) {
     return CheckSum(reinterpret_cast<const std::uint8_t*>(text), static_cast<int>(std::strlen(text)));
   };
@@ -70,10 +74,10 @@ TEST(AsciiFrame, LengthWordChecksumAndHexText) {
   EXPECT_EQ(Bytes(buf, buf + 4), (Bytes{0x7E, 0xA5, 0, 0}));
   EXPECT_EQ(AscToHex("7e") + AscToHex("G1"), 0x7F);  // a non-digit counts as 0
   EXPECT_EQ(AscToUnShort("68c2"), 0x68C2);
-  std::uint8_t out[4] = {};
+  std::uint8_t out[4] = {0, 0, 0, 0xEE};  // whole bytes only, never past the count
   EXPECT_EQ(AsciiStringToHexString("7E31305", out, sizeof out), 3);
-  EXPECT_EQ(Bytes(out, out + 3), (Bytes{0x7E, 0x31, 0x30}));
   EXPECT_EQ(AsciiStringToHexString("0102030405", out, 2) + AsciiStringToHexString(nullptr, out, 2), 2);
+  EXPECT_EQ(Bytes(out, out + 4), (Bytes{0x01, 0x02, 0x30, 0xEE}));
 }
 
 TEST(LinkFrame, BuildsTheBoardFrames) {

@@ -1,14 +1,13 @@
-// What the simulator's tests share: waiting with a deadline, shell commands run as the SDK runs
-// them, opening a port as the SDK's driver does, moving bytes, reading sim/state, and a board
-// brought up in a fresh sandbox.
+// What the simulator's tests share: deadlines, commands, ports, sim/state and a board in a sandbox.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <mutex>
+#include <poll.h>
 #include <string>
 #include <termios.h>
 #include <unistd.h>
@@ -18,6 +17,7 @@
 #include "platform/command_runner.h"
 #include "sim/board.h"
 #include "sim/control_client.h"
+#include "sim/pty_pair.h"
 #include "tests/common/test_sandbox.h"
 
 namespace fsu::sim {
@@ -33,15 +33,11 @@ inline bool poll_until(double seconds, const auto& done) {
 
 inline std::string capture(const std::string& command) {
   std::string out(8192, '\0');
-  const long n = platform::capture_command(command.c_str(), out.data(), out.size());
-  out.resize(n < 0 ? 0 : static_cast<std::size_t>(n));
+  out.resize(static_cast<std::size_t>(std::max(0L, platform::capture_command(command.c_str(), out.data(), out.size()))));
   return out;
 }
 
-inline int exit_code(const std::string& command) {
-  const int status = platform::run_command(command.c_str());
-  return status < 0 ? -1 : status >> 8;
-}
+inline int exit_code(const std::string& command) { return std::max(-1, platform::run_command(command.c_str()) >> 8); }
 
 // Read-write with synchronous writes, raw, reads that return at once; both queues flushed
 // unless `flush` is false.
@@ -50,11 +46,9 @@ inline int open_port(const std::string& path, speed_t speed, tcflag_t extra_cfla
   termios tio{};
   if (fd < 0 || tcgetattr(fd, &tio) != 0) return -1;
   cfmakeraw(&tio);
-  cfsetispeed(&tio, speed);
-  cfsetospeed(&tio, speed);
+  cfsetspeed(&tio, speed);
   tio.c_cflag |= extra_cflag;
-  tio.c_cc[VMIN] = 0;
-  tio.c_cc[VTIME] = 0;
+  tio.c_cc[VMIN] = tio.c_cc[VTIME] = 0;
   if (flush) tcflush(fd, TCIOFLUSH);
   tcsetattr(fd, TCSANOW, &tio);
   return fd;
@@ -80,8 +74,7 @@ inline std::string take(int fd, std::size_t size, double seconds) {
 inline std::string state_line(const test::TestSandbox& box, const std::string& prefix) {
   const std::string state = box.read("/sim/state");
   const std::size_t at = state.find("\n" + prefix);
-  if (at == std::string::npos) return "";
-  return state.substr(at + 1, state.find('\n', at + 1) - at - 1);
+  return at == std::string::npos ? "" : state.substr(at + 1, state.find('\n', at + 1) - at - 1);
 }
 
 // A counter of the modem's state line ("commands", "restarts", "power_cycles"), or -1.
@@ -102,29 +95,45 @@ inline std::string terminal_of(const test::TestSandbox& box, const std::string& 
   return at == std::string::npos ? "" : line.substr(at + 10, line.find(' ', at + 10) - at - 10);
 }
 
+// A pseudo-terminal standing in for one UART: the SDK opens the slave through its device path
+// in the sandbox, the test plays the device on the master.
+struct FakeUart {
+  explicit FakeUart(std::string host_link) : link(std::move(host_link)) {
+    EXPECT_TRUE(pty.open(nullptr) && symlink(pty.slave_path().c_str(), link.c_str()) == 0) << link;
+  }
+  ~FakeUart() { unlink(link.c_str()); }
+  void send(const std::string& bytes) {  // the master does not block: wait for room
+    for (std::size_t done = 0; done < bytes.size();) {
+      const ssize_t n = write(pty.master(), bytes.data() + done, bytes.size() - done);
+      pollfd room{pty.master(), POLLOUT, 0};
+      if (n > 0) done += static_cast<std::size_t>(n);
+      else ASSERT_TRUE(poll_until(5, [&] { return poll(&room, 1, 0) > 0; })) << std::strerror(errno);
+    }
+  }
+  // What the SDK sent, until `count` bytes came or `seconds` passed.
+  std::string receive(std::size_t count, double seconds = 2) { return take(pty.master(), count, seconds); }
+  std::string drain() { return take(pty.master(), SIZE_MAX, 0.05); }
+  // The line as the SDK set it (the master reads the slave's settings).
+  termios settings() const {
+    termios t{};
+    return tcgetattr(pty.master(), &t), t;
+  }
+  PtyPair pty;
+  std::string link;
+};
+
 struct RunningBoard {
   explicit RunningBoard(std::vector<std::string> commands = {})
-      : board(box.root(), {.commands = std::move(commands), .report = [this](const std::string& message) {
-                             const std::lock_guard lock(said_lock);
-                             said_text += message + "\n";
-                           }}) {
+      : board(box.root(), {.commands = std::move(commands), .report = [](const std::string&) {}}) {
     std::string error;
-    started = board.start(&error);
-    EXPECT_TRUE(started) << error;
+    EXPECT_TRUE(started = board.start(&error)) << error;
   }
   std::vector<std::string> control(std::vector<std::string> lines) {
     std::vector<std::string> errors;
     send_control(box.root(), lines, 5, &errors);
     return errors;
   }
-  std::string said() {
-    const std::lock_guard lock(said_lock);
-    return said_text;
-  }
-
   test::TestSandbox box;
-  std::mutex said_lock;
-  std::string said_text;  // what the board reported, from its own thread
   Board board;
   bool started = false;
 };

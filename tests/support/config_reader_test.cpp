@@ -91,6 +91,8 @@ TEST_F(ConfigReaderTest, CutNamesAndValuesAndTheConfigBoundary) {
   EXPECT_TRUE(uci_get_para(text.data(), text.size(), "k", "v", value));
   EXPECT_EQ(std::string(value), std::string(99, 'v'));
   EXPECT_FALSE(uci_get_para(text.data(), text.size() - 1, "k", "v", value));  // quote cut off
+  text = "config s 'k'\n\toption v ''\n";  // cut before the value: nothing is read past the length
+  EXPECT_FALSE(uci_get_para(text.data(), text.find("''"), "k", "v", value));
 
   // The word "config" anywhere between the section and the option ends the section for the
   // reader, also inside a value: the device's files never hold it there.

@@ -8,26 +8,26 @@
 #include <filesystem>
 #include <regex>
 #include <string>
+#include <tuple>
 
 #include "tests/common/test_sandbox.h"
 
 namespace fsu::support {
 namespace {
 
-TEST(FileHelpersTest, ReadParFindsValuesInTextBinaryAndLargeFiles) {
+TEST(FileHelpersTest, ReadParWritesReadsHexLogsAndTimes) {
   test::TestSandbox box;
   const auto par = [&](const std::string& text, const char* key) -> std::string {
     box.write("/tmp/req", text);
-    const char* value = BSP_ReadPar("/tmp/req", key);
-    return value != nullptr ? value : "(null)";
+    return BSP_ReadPar("/tmp/req", key) ?: "(null)";
   };
-  EXPECT_EQ(par("set_com=3;set_value=1", "set_com"), "3");
-  EXPECT_EQ(par("com_num=2\r\ncom1_attr=9600", "com"), "num=2");  // plain substring match
-  EXPECT_EQ(par("a=1\ninfo=rest of file", "info"), "rest of file");
-  EXPECT_EQ(par("a=1\ninfo", "info"), "");  // key at the very end: nothing behind it
-  EXPECT_EQ(par("a=1", "info"), "(null)");
-  EXPECT_EQ(par("", "a"), "(null)");
-  EXPECT_EQ(par(std::string("\0\xff\r\n;=\x01", 7) + "LineMAX=12\n", "LineMAX"), "12");  // binary
+  for (const auto& [text, key, value] :
+       {std::tuple{std::string("set_com=3;set_value=1"), "set_com", "3"},
+        {"com_num=2\r\ncom1_attr=9600", "com", "num=2"},  // plain substring match
+        {"a=1\ninfo=rest of file", "info", "rest of file"}, {"a=1\ninfo", "info", ""},  // nothing behind the key
+        {"a=1", "info", "(null)"}, {"", "a", "(null)"},
+        {std::string("\0\xff\r\n;=\x01", 7) + "LineMAX=12\n", "LineMAX", "12"}})  // binary
+    EXPECT_EQ(par(text, key), value) << key;
   EXPECT_EQ(BSP_ReadPar("/tmp/missing", "a"), nullptr);
   EXPECT_EQ(par("info=" + std::string(20000, 'v'), "info").size(), 10000u);
   // 1 MiB files, with the key at and around the edge of the reader's 64 KiB window.
@@ -36,18 +36,13 @@ TEST(FileHelpersTest, ReadParFindsValuesInTextBinaryAndLargeFiles) {
     big.replace(at, 11, "WaitSec=77;");
     EXPECT_EQ(par(big, "WaitSec"), "77") << at;
   }
-}
 
-TEST(FileHelpersTest, WritesAppendOverwriteAndCreate) {
-  test::TestSandbox box;
-  EXPECT_EQ(WriteDATA_To_File("/tmp/out", "12345"), 1);
-  EXPECT_EQ(WriteLOGDATA_To_File("/tmp/out", "678"), 1);
-  EXPECT_EQ(Update_InfoToFile("/tmp/out", "AB"), 1);
+  const int wrote[] = {WriteDATA_To_File("/tmp/out", "12345"), WriteLOGDATA_To_File("/tmp/out", "678"),
+                       Update_InfoToFile("/tmp/out", "AB")};  // in this order
+  EXPECT_EQ(wrote[0] + wrote[1] + wrote[2], 3);
   EXPECT_EQ(box.read("/tmp/out"), "AB345678");
-  EXPECT_EQ(std::filesystem::status(box.path("/tmp/out")).permissions(),
-            std::filesystem::perms::owner_all);  // 0700
+  EXPECT_EQ(std::filesystem::status(box.path("/tmp/out")).permissions(), std::filesystem::perms::owner_all);  // 0700
   EXPECT_EQ(WriteDATA_To_File("/tmp/no/dir", "x"), -1);
-
   char buf[64];
   EXPECT_EQ(Read_Data_File("/tmp/out", buf, 5), 5);  // bounded by the buffer, then by the file
   EXPECT_EQ(Read_Data_File("/tmp/out", buf, sizeof buf), 8);
@@ -55,43 +50,26 @@ TEST(FileHelpersTest, WritesAppendOverwriteAndCreate) {
   const int fd = FSU_get_fd("/tmp/out");
   EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);  // never leaked into shell commands
   close(fd);
-
   EXPECT_STREQ(syscmd_read("echo hello world", buf, sizeof buf), "hello world\n");
   EXPECT_STREQ(ReadsyscmdReturn("echo hello world", buf, sizeof buf), "hello");
   EXPECT_STREQ(syscmd_read("echo abcdef", buf, 4), "abc");
   EXPECT_STREQ(syscmd_read("echo No such Entry", buf, sizeof buf), "");
   EXPECT_STREQ(syscmd_read("echo can\\'t open", buf, sizeof buf), "");
-}
-
-TEST(FileHelpersTest, HexLogRecordsAndTheirLimits) {
-  test::TestSandbox box;
-  const unsigned char tx[] = {0x01, 0x03, 0x00, 0x0A, 0xC5}, rx[] = {0x01, 0x83, 0xFF};
-  BSP_SAVE_HEX_LOG("Local/Uart/3", tx, 5, 0, 1000, 12);
-  BSP_SAVE_HEX_LOG("Local/Uart/3", rx, 3, 1, 1000, 12);
-  BSP_SAVE_HEX_LOG_Virtual("Local/Uart/13", tx, 1, 0, 1000, 1000);
-  const std::regex records(
-      "\r\n\\[[-0-9]{10} [0-9:]{8}\\]:\\[Local/Uart/3\\]\\[00012\\]\r\nTX:01 03 00 0A C5 "
-      "\r\nRX:01 83 FF \r\n\\[[-0-9]{10} [0-9:]{8}\\]:\\[Local/Uart/13\\]"
-      "\\[01000\\(this is a Virtual com\\)\\]\r\nTX:01 \r\nRX\\(this is a Virtual com\\):");
-  const std::string log = box.read("/tmp/comlog.log");
-  EXPECT_TRUE(std::regex_match(log, records)) << log;
-  EXPECT_EQ(BSP_SAVE_HEX_LOG("Local/Uart/3", tx, 5, 0, 1000, 1001), -2);
-  EXPECT_EQ(BSP_SAVE_HEX_LOG("Local/Uart/3", tx, 0, 0, 1000, 1), -1);
-  EXPECT_EQ(BSP_SAVE_DTU_HEX_LOG(rx, -3), -1);
-
-  EXPECT_EQ(BSP_SAVE_DTU_HEX_LOG(rx, 3), 1);
-  EXPECT_EQ(box.read("/tmp/web_dtu_com_log.log"), "01 83 FF ");
-  const std::string block(10000, '\x5A');  // far more than one record holds
-  BSP_SAVE_DTU_HEX_LOG(reinterpret_cast<const unsigned char*>(block.data()), 10000);
-  EXPECT_EQ(FSU_get_file_size("/tmp/web_dtu_com_log.log"), 9 + 20479);  // cut at the buffer
-}
-
-TEST(TimeHelpers, ConvertBetweenTextAndEpochSeconds) {
-  setenv("TZ", "UTC", 1);
-  tzset();
+  setenv("TZ", "UTC", 1), tzset();
   EXPECT_STREQ(Return_systime_string(0), "1970-01-01 00:00:00");
-  EXPECT_EQ(strtotime("2026-03-04 09:05:07"), 1772615107);
-  EXPECT_EQ(strtotime("not a date"), -1);
+  EXPECT_TRUE(strtotime("2026-03-04 09:05:07") == 1772615107 && strtotime("not a date") == -1);
+
+  const unsigned char tx[] = {0x01, 0x03};  // the plain port records: the serial port tests
+  BSP_SAVE_HEX_LOG_Virtual("Local/Uart/13", tx, 1, 0, 1000, 1000);
+  const std::string log = box.read("/tmp/comlog.log");
+  EXPECT_TRUE(std::regex_match(log, std::regex("\r\n\\[[-0-9]{10} [0-9:]{8}\\]:\\[Local/Uart/13\\]\\[01000\\(this is a Virtual com\\)\\]"
+                                               "\r\nTX:01 \r\nRX\\(this is a Virtual com\\):"))) << log;
+  EXPECT_EQ(BSP_SAVE_HEX_LOG("Local/Uart/3", tx, 2, 0, 1000, 1001), -2);
+  EXPECT_EQ(BSP_SAVE_HEX_LOG("Local/Uart/3", tx, 0, 0, 1000, 1), -1);
+  EXPECT_EQ(BSP_SAVE_DTU_HEX_LOG(tx, -3), -1);
+  const std::string block(10000, '\x5A');  // far more than one record holds (short ones: the web request tests)
+  EXPECT_EQ(BSP_SAVE_DTU_HEX_LOG(reinterpret_cast<const unsigned char*>(block.data()), 10000), 1);
+  EXPECT_EQ(FSU_get_file_size("/tmp/web_dtu_com_log.log"), 20479);  // cut at the buffer
 }
 
 }  // namespace
