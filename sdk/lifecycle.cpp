@@ -8,6 +8,7 @@
 #include "platform/caller_text.h"
 #include "platform/clock.h"
 #include "platform/command_runner.h"
+#include "platform/process_memory.h"
 #include "platform/sandbox_root.h"
 #include "board/software_watchdog.h"
 #include "gps/position_mode.h"
@@ -71,6 +72,7 @@ using fsu::support::SDK_LOG_WRITE;
 
 extern "C" int InitializeSDK(void) {
   if (sdk_init.exchange(1) == 1) return -1;
+  fsu::platform::bound_malloc_arenas();  // before the SDK's threads start
   WriteSdkversion_to_file();
   fsu::support::SDK_LOG_PAR_INIT();
   SDK_LOG_WRITE(SDK_LOG_SYS, "InitializeSDK");

@@ -132,7 +132,9 @@ TEST(ModemRecovery, APortSilentForAMinuteADroppedLinkAndAModemPulledAndPluggedBa
 }
 
 TEST(ModemRecovery, SoftRestartPowerCyclesRowElevenAndRestartsRowTenByCommand) {
-  for (const auto& [row, counter, other] : {std::tuple{"11", "power_cycles", "restarts"}, {"10", "restarts", "power_cycles"}}) {
+  for (const auto& rows : {std::tuple{"11", "power_cycles", "restarts"}, {"10", "restarts", "power_cycles"}}) {
+    const auto [row, counter_binding, other] = rows;
+    const std::string counter = counter_binding;  // a lambda below captures it
     TestSandbox box;
     ConsoleDriver app(dial_app(box, row), ConsoleDriver::Mode::kPipes);
     ASSERT_TRUE(ready(app, box)) << app.output();

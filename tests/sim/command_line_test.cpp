@@ -37,15 +37,15 @@ TEST(Fsusim, RunPassesStatusStreamsAndEnvironmentKeepsAGivenRootRefusesBadUseAnd
 
   // Bad use names what is wrong; a root that a failed command made is removed again.
   const std::string fresh = box.path("/tmp/fresh");
-  for (const auto& [args, said] : std::vector<std::pair<std::string, std::string>>{
+  for (const auto& [args, message] : std::vector<std::pair<std::string, std::string>>{
            {"", "usage:\n"}, {" run", "run: no command to run"}, {" run --root", "run: --root needs a value"},
            {" up", "up: needs --root DIR"}, {" frobnicate", "unknown command frobnicate"},
            {" run --bogus -- true", "run: unknown option --bogus"}, {" ctl --root " + unit, "ctl: no control line"},
            {" up --root " + fresh + " --terminal 13", "up: --terminal 13: no port 13 (ports are 1 to 12)"}}) {
-    const std::string out = capture(kFsusim + args + " 2>&1; echo $?");
-    EXPECT_NE(out.find(said), std::string::npos) << out;
-    EXPECT_EQ(out.find("usage:") == std::string::npos, !args.empty()) << out;
-    EXPECT_EQ(out.substr(out.size() - 3), "\n2\n") << args;
+    const std::string printed = capture(kFsusim + args + " 2>&1; echo $?");
+    EXPECT_NE(printed.find(message), std::string::npos) << printed;
+    EXPECT_EQ(printed.find("usage:") == std::string::npos, !args.empty()) << printed;
+    EXPECT_EQ(printed.substr(printed.size() - 3), "\n2\n") << args;
   }
   EXPECT_FALSE(box.exists("/tmp/fresh"));
   EXPECT_EQ(capture(kFsusim + " --version"), "fsusim 1.0.9\n");

@@ -19,7 +19,8 @@ TEST(FileHelpersTest, ReadParWritesReadsHexLogsAndTimes) {
   test::TestSandbox box;
   const auto par = [&](const std::string& text, const char* key) -> std::string {
     box.write("/tmp/req", text);
-    return BSP_ReadPar("/tmp/req", key) ?: "(null)";
+    const char* value = BSP_ReadPar("/tmp/req", key);
+    return value != nullptr ? value : "(null)";
   };
   for (const auto& [text, key, value] :
        {std::tuple{std::string("set_com=3;set_value=1"), "set_com", "3"},

@@ -21,7 +21,8 @@ struct SdkLogTest : ::testing::Test {
 };
 
 TEST_F(SdkLogTest, HeaderIsByteExactAndEachLevelReadsItsOwnSettingAndUsesANumber) {
-  const std::tm t{.tm_sec = 7, .tm_min = 5, .tm_hour = 9, .tm_mday = 4, .tm_mon = 2, .tm_year = 126};
+  std::tm t{};
+  t.tm_sec = 7, t.tm_min = 5, t.tm_hour = 9, t.tm_mday = 4, t.tm_mon = 2, t.tm_year = 126;
   char buf[kLogHeaderSize];
   const char* words[] = {"OTHER", "SQL  ", "ERROR", "NET  ", "SO   ", "SYS  ", "PIC  ", "OTHER", "DEBUG", "OTHER"};
   for (int level : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 42, -1}) {
