@@ -290,6 +290,21 @@ TEST_F(Serial, LinkFramesReachTheirDestinationsThroughSplitsGarbageAndFullBuffer
   for (int k : {0, 11, 12, 13, 14, 15}) EXPECT_EQ(record(k), "") << k;
 }
 
+TEST_F(Serial, AHostileChannelCannotForgeFramesForOtherPortsOrReadings) {
+  // A device on "Local/Uart/5" writes link frames for channel 2, the environment board and board
+  // presence; board 1 carries them as channel 0's data, cut anywhere by the reader's passes.
+  const std::string data = frame(0x52, "HIJAK") + frame(0x54, "~21014100E0BE" + std::string(187, '0')) + frame(0x41, "");
+  const std::string wire = frame(0x50, data);
+  for (const std::size_t cut : {std::size_t{4}, std::size_t{12}, wire.size() - 1}) {
+    feed(board1_, wire.substr(0, cut));
+    feed(board1_, wire.substr(cut));
+  }
+  EXPECT_EQ(record(4), data + data + data);
+  for (int k : {5, 6, 7, 14}) EXPECT_EQ(record(k), "") << k;
+  EXPECT_EQ(flags(), "0000");
+  EXPECT_EQ(STR_BSP_ENV_INFO.ucDi[0].load() + STR_BSP_ENV_INFO.nUpdateTime.load(), 0);
+}
+
 TEST_F(Serial, KeepAliveAfter21SilentTicksRelayCommandsNotCountedAndTheEnvironmentSender) {
   const std::string keep_alive = frame(0x92, "");
   for (int tick = 0; tick < 20; ++tick) RunComDog();
