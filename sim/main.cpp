@@ -329,17 +329,28 @@ void print_terminals(const std::string& root, const std::vector<std::string>& li
   }
 }
 
-int command_ctl(int argc, char** argv) {
+// The arguments of `ctl` and `web`: "--root DIR" first, then at least one word. Gives -1 with the
+// root and the index of the first word, or the exit status of bad use.
+int root_then_words(const std::string& command, const char* nothing_given, int argc, char** argv,
+                    std::string* root, int* first) {
   const char* root_arg = nullptr;
   std::vector<std::string> unused;
   std::string error;
   int i = 0;
   if (argc > 0 && board_option(argc, argv, &i, &root_arg, &unused, &error) && unused.empty()) ++i;
-  if (!error.empty()) return bad_use("ctl: " + error);
-  if (root_arg == nullptr) return bad_use("ctl: needs --root DIR first");
-  if (i >= argc) return bad_use("ctl: no control line (such as \"uart 2 terminal\")");
+  if (!error.empty()) return bad_use(command + ": " + error);
+  if (root_arg == nullptr) return bad_use(command + ": needs --root DIR first");
+  if (i >= argc) return bad_use(command + ": " + nothing_given);
+  if (!usable_root(root_arg, root)) return 1;
+  *first = i;
+  return -1;
+}
+
+int command_ctl(int argc, char** argv) {
   std::string root;
-  if (!usable_root(root_arg, &root)) return 1;
+  int i = 0;
+  const int status = root_then_words("ctl", "no control line (such as \"uart 2 terminal\")", argc, argv, &root, &i);
+  if (status >= 0) return status;
   const std::vector<std::string> lines(argv + i, argv + argc);
   std::vector<std::string> errors;
   if (fsu::sim::send_control(root, lines, kControlTimeout, &errors)) {
@@ -351,16 +362,10 @@ int command_ctl(int argc, char** argv) {
 }
 
 int command_web(int argc, char** argv) {
-  const char* root_arg = nullptr;
-  std::vector<std::string> unused;
-  std::string error;
-  int i = 0;
-  if (argc > 0 && board_option(argc, argv, &i, &root_arg, &unused, &error) && unused.empty()) ++i;
-  if (!error.empty()) return bad_use("web: " + error);
-  if (root_arg == nullptr) return bad_use("web: needs --root DIR first");
-  if (i >= argc) return bad_use("web: no request (fsusim --help shows them)");
   std::string root;
-  if (!usable_root(root_arg, &root)) return 1;
+  int i = 0;
+  const int status = root_then_words("web", "no request (fsusim --help shows them)", argc, argv, &root, &i);
+  if (status >= 0) return status;
   return fsu::sim::web_command(root, std::span<char* const>(argv + i, static_cast<std::size_t>(argc - i)), stdout,
                                stderr);
 }
