@@ -1,12 +1,16 @@
 /* Dialling: asks the SDK for the cellular data link, waits for it and reads the modem's
  * information. One request per line of standard input, until the input ends:
- *   dial                  asks for the link (the SDK's LTE thread dials and keeps it up)
+ *   dial                  asks for the link once: the SDK's LTE thread dials on its next pass
+ *                         if the modem is registered then, and drops the request otherwise
  *   online N | offline N  waits up to N s for the link to be up (down); prints how long it took.
- *                         While it waits to be online it asks for the link again every 20 s, as an
- *                         application's link watchdog should: a request that comes while the modem
- *                         cannot be dialled (unplugged, restarting) is dropped.
+ *                         While it waits to be online it asks for the link again every 20 s.
  *   info                  the modem's static and dynamic information (JSON texts)
- *   soft                  restarts the modem (AT command)
+ *   soft                  restarts the modem (by AT command, or by its power for models that need it)
+ *
+ * The SDK does not keep the link up: a request is served once (a modem that is unplugged,
+ * restarting or not registered at that moment uses it up), and after a drop nothing dials
+ * again. An application watches DialIsOnline and asks again while it is offline, as `online N`
+ * does; it does not ask while online, which takes the link down and dials anew.
  *
  * On the simulated board:  printf 'dial\nonline 60\ninfo\n' | fsusim run -- ./dial
  */
