@@ -78,7 +78,7 @@ TEST(FilesUnderTmp, NothingPlantedAtANameTheUnitWritesIsFollowedOrWrittenThrough
   sdk::WebRequestState state;
   PppWatch watch;
   const auto request = [&](const char* file) { return [&, file] { box.write(file, ""), sdk::web_request_pass(state); }; };
-  enum Plant { kLink, kDanglingLink, kHardLink, kForeignFile };
+  enum Plant { kLink, kDanglingLink, kHardLink, kForeignFile, kFifo };
   const struct { const char* name; Plant plant; std::function<void()> write; } cases[] = {
       {lte::kGlobalpFile, kLink, [] { lte::WritetmpDATA(lte::kGlobalpFile, "cimi=1\r\n"); }},
       {lte::kGlobalpFile, kDanglingLink, [] { lte::ReadPar(lte::kGlobalpFile, "cimi"); }},  // made when missing
@@ -88,6 +88,7 @@ TEST(FilesUnderTmp, NothingPlantedAtANameTheUnitWritesIsFollowedOrWrittenThrough
       {sdk::kComLog, kLink, [&] { support::BSP_SAVE_HEX_LOG("Local/Uart/1", bytes, 2, 0, 10, 1); }},
       {sdk::kComLog, kForeignFile, [&] { support::BSP_SAVE_HEX_LOG_Virtual("Local/Uart/9", bytes, 2, 1, 10, 1); }},
       {sdk::kDtuComLog, kHardLink, [&] { support::BSP_SAVE_DTU_HEX_LOG(bytes, 2); }},
+      {sdk::kDtuComLog, kFifo, [&] { support::BSP_SAVE_DTU_HEX_LOG(bytes, 2); }},
       {"/tmp/sdkversion", kLink, [] { sdk::WriteSdkversion_to_file(); }},
       {sdk::kAidiAnswer, kLink, request(sdk::kReadAidiRequest)},
       {sdk::kGpsInfoAnswer, kDanglingLink, request(sdk::kReadGpsInfoRequest)},
@@ -100,6 +101,7 @@ TEST(FilesUnderTmp, NothingPlantedAtANameTheUnitWritesIsFollowedOrWrittenThrough
     if (c.plant != kDanglingLink) box.write(target, "precious");
     fs::remove(name);
     if (c.plant == kHardLink) fs::create_hard_link(box.path(target), name);
+    ASSERT_TRUE(c.plant != kFifo || mkfifo(name.c_str(), 0666) == 0);
     if (c.plant == kLink || c.plant == kDanglingLink) fs::create_symlink(box.path(target), name);
     if (c.plant == kForeignFile) {
       if (geteuid() != 0) continue;  // only root can give a file to another user
@@ -113,6 +115,10 @@ TEST(FilesUnderTmp, NothingPlantedAtANameTheUnitWritesIsFollowedOrWrittenThrough
     EXPECT_TRUE(lstat(name.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == geteuid() && st.st_nlink == 1)
         << c.name << " " << c.plant;  // the unit's own file took the name
   }
+  // Where the name cannot be taken (a folder stands there) the write fails and leaves no new file.
+  fs::remove(box.path("/tmp/sdkversion")), fs::create_directories(box.path("/tmp/sdkversion/x"));
+  EXPECT_EQ(sdk::WriteSdkversion_to_file(), -1);
+  for (const auto& entry : fs::directory_iterator(box.path("/tmp"))) EXPECT_NE(entry.path().filename().string()[0], '.') << entry.path();
 }
 
 }  // namespace
