@@ -13,6 +13,7 @@
 #include "lte/ntu.h"
 #include "platform/clock.h"
 #include "platform/command_runner.h"
+#include "platform/safe_file.h"
 #include "platform/sandbox_root.h"
 #include "platform/shared_memory.h"
 #include "sdk/resource_catalogue.h"
@@ -163,8 +164,8 @@ void ppp0_listen_pass(PppWatch& watch) {
       .append("模块IMEI: %s;", t.imei)
       .append("模块信号强度:%s;", t.csq)
       .append("模块网络IP:%s;", t.lteip);
-  support::remove_file(kNetModuleInfo);
-  support::WriteDATA_To_File(kNetModuleInfo, text);
+  // Written whole and renamed in place: a link planted at the name is replaced, not followed.
+  platform::replace_file(kNetModuleInfo, text, std::strlen(text), 0700);
 }
 
 void* PPP0_LISTEN_FUN(void*) {

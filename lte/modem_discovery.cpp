@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "platform/command_runner.h"
+#include "platform/safe_file.h"
 #include "platform/sandbox_root.h"
 #include "support/file_helpers.h"
 
@@ -205,7 +206,7 @@ char* ReadPar(const char* path, const char* key) {
   const platform::DevicePath file(path);
   if (!file.ok()) return Resultbuf;
   if (access(file.c_str(), F_OK) != 0) {
-    const int fd = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0700);
+    const int fd = platform::open_own_file(path, 0, 0700);  // never created through a link
     if (fd >= 0) close(fd);
     return Resultbuf;
   }
@@ -228,16 +229,9 @@ char* ReadPar(const char* path, const char* key) {
 }
 
 int WritetmpDATA(const char* path, const char* text) {
-  const platform::DevicePath file(path);
-  const int fd = file.ok() ? open(file.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0700) : -1;
-  if (fd < 0) {
-    std::perror("open");
-    return -1;
-  }
+  // A new file renamed over the name: a link planted there is replaced, not written through.
   const std::size_t n = text != nullptr ? std::strlen(text) : 0;
-  const bool ok = n == 0 || write(fd, text, n) == static_cast<ssize_t>(n);
-  close(fd);
-  return ok ? 1 : -1;
+  return platform::replace_file(path, text, n, 0700) == 0 ? 1 : -1;
 }
 
 }  // namespace fsu::lte

@@ -47,7 +47,8 @@ int read_ethip1(const char* ifname, char (&field)[kNtuTextSize]);
 char* ReadPar(const char* path, const char* key);
 // The value of `key` in `text` (at most `size` bytes) into `out`, as ReadPar finds it.
 void ReadPar_text(const char* text, std::size_t size, const char* key, char (&out)[100]);
-// Replaces the file's content with `text` (created 0700). 1, or -1.
+// Replaces the file's content with `text` (created 0700) by a new file renamed over the name,
+// so a link planted there is replaced, never followed. 1, or -1.
 int WritetmpDATA(const char* path, const char* text);
 
 }  // namespace fsu::lte

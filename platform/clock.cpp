@@ -1,5 +1,6 @@
 #include "platform/clock.h"
 
+#include <atomic>
 #include <cerrno>
 #include <sys/time.h>
 
@@ -13,10 +14,21 @@ WallTime wall_now() {
 
 std::time_t seconds_now() { return std::time(nullptr); }
 
+namespace {
+std::atomic<double> g_monotonic_offset{0};  // only tests move it
+}  // namespace
+
 double monotonic_seconds() {
   timespec ts{};
   clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9 +
+         g_monotonic_offset.load(std::memory_order_relaxed);
+}
+
+void advance_monotonic_for_tests(double seconds) {
+  double offset = g_monotonic_offset.load();
+  while (!g_monotonic_offset.compare_exchange_weak(offset, offset + seconds)) {
+  }
 }
 
 std::tm local_time(std::time_t t) {

@@ -16,6 +16,9 @@ WallTime wall_now();
 std::time_t seconds_now();
 // Seconds since an arbitrary start that never jumps (for deadlines, not for records).
 double monotonic_seconds();
+// For tests: moves monotonic_seconds() on by `seconds` for the rest of the process, so that a
+// period the code waits for passes without waiting.
+void advance_monotonic_for_tests(double seconds);
 // Local broken-down time of `t`.
 std::tm local_time(std::time_t t);
 

@@ -9,6 +9,7 @@
 #include "platform/clock.h"
 #include "platform/command_runner.h"
 #include "platform/process_memory.h"
+#include "platform/safe_file.h"
 #include "platform/sandbox_root.h"
 #include "board/software_watchdog.h"
 #include "gps/position_mode.h"
@@ -43,9 +44,13 @@ const char* build_date() { return __DATE__; }
 const char* build_time() { return __TIME__; }
 
 int WriteSdkversion_to_file() {
-  // The carriage return and line feed stand as real characters inside the echoed text.
-  return platform::run_commandf("echo \"Version:Sdk-%s%s-%s-%s\r\n\" >%s", kEdition, kVersion,
-                                build_date(), build_time(), DevicePath("/tmp/sdkversion").c_str());
+  // The bytes the device's shell line `echo "Version:Sdk-...\r\n" >/tmp/sdkversion` leaves: the
+  // text with a real carriage return and line feed, and echo's own line feed. Written as a new
+  // file renamed in place, since a shell redirection would follow a link planted at the name.
+  char text[256];
+  support::BoundedText line(text, sizeof text);
+  line.append("Version:Sdk-%s%s-%s-%s\r\n\n", kEdition, kVersion, build_date(), build_time());
+  return platform::replace_file("/tmp/sdkversion", text, line.length(), 0666);
 }
 
 void SYSTEM_INIT() {

@@ -11,7 +11,7 @@ constexpr const char* kVersion = FSUSDK_VERSION;
 const char* build_date();
 const char* build_time();
 
-// Writes /tmp/sdkversion; returns the shell's status.
+// Writes /tmp/sdkversion (a new file renamed in place); 0, or -1.
 int WriteSdkversion_to_file();
 // First call only: clears the board exist flags.
 void SYSTEM_INIT();

@@ -10,6 +10,7 @@
 
 #include "fsusdk.h"
 #include "lte/ntu.h"
+#include "platform/safe_file.h"
 #include "sdk/resource_catalogue.h"
 #include "sdk/uart_api.h"
 #include "serial/frame_codec.h"
@@ -24,7 +25,6 @@ using support::BoundedText;
 using support::remove_file;
 using support::SDK_LOG_SYS;
 using support::SDK_LOG_WRITE;
-using support::WriteDATA_To_File;
 
 pthread_t webtest_thread;
 
@@ -70,23 +70,26 @@ void handle_com_attr() {
   SDK_LOG_WRITE(SDK_LOG_SYS, "设置串口属性配置");
 }
 
-// A report request: the request and the old answer go, the new answer is written.
+// Answer files are written whole, as a new file renamed over the old answer: a page never reads
+// half an answer, and a link planted at the name is replaced, not written through.
+void write_answer(const char* answer_file, const char* text) {
+  platform::replace_file(answer_file, text, std::strlen(text), 0700);
+}
+
+// A report request: the request goes, the new answer replaces the old one.
 void answer(const char* request, const char* answer_file, int (*report)(char*)) {
   remove_file(request);
-  remove_file(answer_file);
   char text[4096] = {};
   report(text);
-  WriteDATA_To_File(answer_file, text);
+  write_answer(answer_file, text);
 }
 
 void handle_gps_db() {
   remove_file(kReadGpsDbRequest);
-  remove_file(kGpsDbAnswer);
-  char text[1024];
+  char text[2048];
   BSP_GET_GPS_dB_INFO(text);  // empty when there is no signal report
-  WriteDATA_To_File(kGpsDbAnswer, text);
-  BSP_GET_SIM_INFO(text);
-  WriteDATA_To_File(kGpsDbAnswer, text);
+  BSP_GET_SIM_INFO(text + std::strlen(text));  // each report fits 1024 bytes
+  write_answer(kGpsDbAnswer, text);
 }
 
 void handle_log_save(WebRequestState& s) {

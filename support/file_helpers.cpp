@@ -12,6 +12,7 @@
 
 #include "platform/clock.h"
 #include "platform/command_runner.h"
+#include "platform/safe_file.h"
 #include "platform/sandbox_root.h"
 #include "support/bounded_text.h"
 
@@ -52,16 +53,14 @@ ssize_t read_retrying(int fd, char* buf, std::size_t size) {
   return n;
 }
 
-// Writes `text` in one write at the start (SEEK_SET) or the end (SEEK_END) of the file.
+// Writes `text` in one write at the start (SEEK_SET) or the end (SEEK_END) of the file, through
+// a descriptor that follows no link planted at the name (platform::open_own_file).
 int write_text_at(const char* path, const char* text, int whence) {
   if (path == nullptr || text == nullptr) return -1;
-  const int fd = open_device_file(path, O_RDWR | O_CREAT, 0700);
-  if (fd < 0) {
-    std::perror("open");
-    return -1;
-  }
+  const int fd = platform::open_own_file(path, whence == SEEK_END ? O_APPEND : 0, 0700);
+  if (fd < 0) return -1;  // reported, one line per failure period
   if (lseek(fd, 0, whence) < 0) {
-    std::perror("lseek");
+    platform::report_file_failure("lseek", path, errno);
     close(fd);
     return -2;
   }
@@ -203,7 +202,7 @@ int Read_Data_File(const char* path, char* buf, int size) {
   if (path == nullptr || buf == nullptr || size <= 0) return 0;
   const long file_size = FSU_get_file_size(path);
   if (file_size < 0) return 0;
-  const int fd = open_device_file(path, O_RDWR | O_CREAT, 0700);
+  const int fd = open_device_file(path, O_RDONLY);
   if (fd < 0) return -1;
   const std::size_t want = static_cast<std::size_t>(file_size < size ? file_size : size);
   std::size_t got = 0;

@@ -24,8 +24,9 @@ int Read_Data_File(const char* path, char* buf, int size);
 // file is missing or empty, cannot be read, or does not hold the key.
 char* BSP_ReadPar(const char* path, const char* key);
 // Write `text` in one write at the start of the file (without truncating it) or appended at
-// its end; the file is created 0700 when missing. 1, or -1 after perror("open"), or -2 after
-// perror("lseek").
+// its end; the file is created 0700 when missing. A link or another user's file at the name is
+// never written through (platform::open_own_file). 1, or -1 (open) or -2 (lseek) after one
+// line on standard error per failure period.
 int Update_InfoToFile(const char* path, const char* text);
 int WriteDATA_To_File(const char* path, const char* text);
 int WriteLOGDATA_To_File(const char* path, const char* text);

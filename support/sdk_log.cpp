@@ -1,5 +1,8 @@
 #include "support/sdk_log.h"
 
+#include <stdlib.h>
+#include <unistd.h>
+
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
@@ -74,6 +77,7 @@ void set_all_levels(std::int32_t value) {
 // cannot be moved (a read-only /tmp) is left alone for a failure period before the next try,
 // instead of costing every record a size check and shell commands.
 constexpr const char* kLogMoved = "/tmp/sdklog.log.1";
+constexpr const char* kPackFolder = "/tmp/.sdklog.XXXXXX";  // mkdtemp's pattern
 constexpr double kRotationRetrySeconds = 60;
 std::atomic<bool> g_packing{false};  // a moved log is being packed
 double g_next_rotation = 0;          // monotonic seconds; under g_log_mutex
@@ -93,12 +97,23 @@ bool move_large_log_aside() {
 }
 
 // Outside the lock: the older generation goes, the moved log is packed in its place and
-// removed (also when there is no zip tool).
+// removed (also when there is no zip tool). The zip tool writes through a link at its archive's
+// name, so it packs into a folder of our own beside the log (that nobody else can write) and
+// the archive is renamed over the name, replacing whatever another user may have put there.
 void pack_moved_log() {
   const platform::DevicePath zip(kLogZip);
   const platform::DevicePath moved(kLogMoved);
+  char folder[platform::kPathSize];
   platform::run_commandf("rm %s", zip.c_str());
-  platform::run_commandf("zip %s %s", zip.c_str(), moved.c_str());
+  if (zip.ok() && moved.ok() && platform::resolve(kPackFolder, folder, sizeof folder) &&
+      mkdtemp(folder) != nullptr) {
+    char packed[platform::kPathSize];
+    if (BoundedText(packed, sizeof packed).append("%s/sdklog.zip", folder).fits()) {
+      platform::run_commandf("zip %s %s", packed, moved.c_str());
+      if (std::rename(packed, zip.c_str()) != 0) unlink(packed);
+    }
+    rmdir(folder);
+  }
   platform::run_commandf("rm %s", moved.c_str());
   g_packing.store(false);
 }

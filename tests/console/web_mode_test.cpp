@@ -1,12 +1,22 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "console/web_mode.h"
+#include "lte/lte_supervisor.h"
+#include "lte/modem_discovery.h"
 #include "lte/ntu.h"
 #include "platform/shared_memory.h"
+#include "sdk/lifecycle.h"
 #include "sdk/resource_catalogue.h"
+#include "sdk/web_requests.h"
+#include "support/file_helpers.h"
+#include "support/sdk_log.h"
 #include "serial/environment_link.h"
 #include "sim/web_pages.h"
 #include "tests/common/test_sandbox.h"
@@ -54,6 +64,61 @@ TEST(WebMode, CountersOutputRequestsAndThePppWatchdog) {
   EXPECT_EQ(std::vector({lte::NTU.pppdstart.load(), lte::NTU.CardStat.load()}), std::vector({0, 1}));
   EXPECT_EQ(box.read("/tmp/NetModuleInfo"),
             "SIM 卡状态: 正常;SIM 卡ISMI号: 460011234567890;模块IMEI: ;模块信号强度:-71;模块网络IP:10.64.12.34;");
+}
+
+
+// /tmp is anyone's: whatever another user plants at a name the unit writes (a link to a file
+// elsewhere, a link to nothing yet, a hard link, a file of their own) is never written through.
+TEST(FilesUnderTmp, NothingPlantedAtANameTheUnitWritesIsFollowedOrWrittenThrough) {
+  test::TestSandbox box;
+  support::SDK_LOG_PAR_INIT();
+  namespace fs = std::filesystem;
+  fs::create_directories(box.path("/outside"));  // beside the sandbox's /tmp, not in it
+  const unsigned char bytes[] = {0x7E, 0x31};
+  sdk::WebRequestState state;
+  PppWatch watch;
+  const auto request = [&](const char* file) { return [&, file] { box.write(file, ""), sdk::web_request_pass(state); }; };
+  enum Plant { kLink, kDanglingLink, kHardLink, kForeignFile, kFifo };
+  const struct { const char* name; Plant plant; std::function<void()> write; } cases[] = {
+      {lte::kGlobalpFile, kLink, [] { lte::WritetmpDATA(lte::kGlobalpFile, "cimi=1\r\n"); }},
+      {lte::kGlobalpFile, kDanglingLink, [] { lte::ReadPar(lte::kGlobalpFile, "cimi"); }},  // made when missing
+      {support::kLogFile, kLink, [] { support::SDK_LOG_WRITE(support::SDK_LOG_SYS, "record"); }},
+      {support::kLogFile, kDanglingLink, [] { support::SDK_LOG_WRITE(support::SDK_LOG_SYS, "record"); }},
+      {support::kLogFile, kHardLink, [] { support::SDK_LOG_WRITE(support::SDK_LOG_SYS, "record"); }},
+      {sdk::kComLog, kLink, [&] { support::BSP_SAVE_HEX_LOG("Local/Uart/1", bytes, 2, 0, 10, 1); }},
+      {sdk::kComLog, kForeignFile, [&] { support::BSP_SAVE_HEX_LOG_Virtual("Local/Uart/9", bytes, 2, 1, 10, 1); }},
+      {sdk::kDtuComLog, kHardLink, [&] { support::BSP_SAVE_DTU_HEX_LOG(bytes, 2); }},
+      {sdk::kDtuComLog, kFifo, [&] { support::BSP_SAVE_DTU_HEX_LOG(bytes, 2); }},
+      {"/tmp/sdkversion", kLink, [] { sdk::WriteSdkversion_to_file(); }},
+      {sdk::kAidiAnswer, kLink, request(sdk::kReadAidiRequest)},
+      {sdk::kGpsInfoAnswer, kDanglingLink, request(sdk::kReadGpsInfoRequest)},
+      {sdk::kGpsDbAnswer, kLink, request(sdk::kReadGpsDbRequest)},
+      {"/tmp/NetModuleInfo", kLink, [&] { ppp0_listen_pass(watch); }},
+  };
+  for (int i = 0; const auto& c : cases) {
+    const std::string target = "/outside/" + std::to_string(i++);
+    const fs::path name = box.path(c.name);
+    if (c.plant != kDanglingLink) box.write(target, "precious");
+    fs::remove(name);
+    if (c.plant == kHardLink) fs::create_hard_link(box.path(target), name);
+    ASSERT_TRUE(c.plant != kFifo || mkfifo(name.c_str(), 0666) == 0);
+    if (c.plant == kLink || c.plant == kDanglingLink) fs::create_symlink(box.path(target), name);
+    if (c.plant == kForeignFile) {
+      if (geteuid() != 0) continue;  // only root can give a file to another user
+      fs::copy_file(box.path(target), name);
+      ASSERT_EQ(lchown(name.c_str(), 4321, 4321), 0);
+    }
+    c.write();
+    EXPECT_EQ(c.plant == kDanglingLink ? std::to_string(box.exists(target)) : box.read(target), c.plant == kDanglingLink ? "0" : "precious")
+        << c.name << " " << c.plant;
+    struct stat st{};
+    EXPECT_TRUE(lstat(name.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == geteuid() && st.st_nlink == 1)
+        << c.name << " " << c.plant;  // the unit's own file took the name
+  }
+  // Where the name cannot be taken (a folder stands there) the write fails and leaves no new file.
+  fs::remove(box.path("/tmp/sdkversion")), fs::create_directories(box.path("/tmp/sdkversion/x"));
+  EXPECT_EQ(sdk::WriteSdkversion_to_file(), -1);
+  for (const auto& entry : fs::directory_iterator(box.path("/tmp"))) EXPECT_NE(entry.path().filename().string()[0], '.') << entry.path();
 }
 
 }  // namespace

@@ -10,6 +10,9 @@
 #include <vector>
 
 #include "fsusdk.h"
+#include "platform/clock.h"
+#include "platform/safe_file.h"
+#include "support/file_helpers.h"
 #include "tests/common/test_sandbox.h"
 
 namespace fsu::support {
@@ -100,8 +103,23 @@ TEST_F(SdkLogTest, RotatesOnlyAboveTwoMebibytesAndNotAgainForAMinuteAfterAFailur
   std::filesystem::remove_all(sandbox_.path("/tmp/sdklog.log.1"));
   SDK_LOG_WRITE(SDK_LOG_SYS, "second");  // the move would work now
   EXPECT_TRUE(getfilesize(kLogFile) > kLogRotateSize && !sandbox_.exists(kLogZip));
-  std::filesystem::remove_all(sandbox_.path("/tmp"));  // an unwritable log still counts as output
-  EXPECT_EQ(SDK_LOG_WRITE(SDK_LOG_SYS, "lost"), 1);
+  // A /tmp that cannot be written: every record still counts as output, and standard error gets
+  // one line per failure period, not one per record (the clock is moved on, not waited for).
+  std::filesystem::remove_all(sandbox_.path("/tmp"));
+  platform::advance_monotonic_for_tests(platform::kFileFailurePeriod);
+  testing::internal::CaptureStderr();
+  int output = 0;
+  const unsigned char bytes[] = {0x41};
+  for (int period = 0; period < 2; ++period, platform::advance_monotonic_for_tests(platform::kFileFailurePeriod - 1)) {
+    for (int i = 0; i < 300; ++i) output += SDK_LOG_WRITE(SDK_LOG_SYS, "lost"), BSP_SAVE_HEX_LOG("Local/Uart/1", bytes, 1, 0, 9, 1);
+  }
+  const std::string errors = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(output, 600);
+  EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << errors;  // a period is not over yet
+  testing::internal::CaptureStderr();
+  platform::advance_monotonic_for_tests(1);
+  SDK_LOG_WRITE(SDK_LOG_SYS, "lost");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "open /tmp/sdklog.log: No such file or directory (further file failures for 60 s not shown)\n");
 }
 
 TEST_F(SdkLogTest, ConcurrentRecordsAreWholeAndNumberedInFileOrder) {
