@@ -24,4 +24,29 @@ bool caller_path_is_safe(const char* path) {
   return true;
 }
 
+bool caller_account_is_safe(const char* name) {
+  if (name == nullptr || name[0] == '\0' || name[0] == '-') return false;
+  const std::size_t n = std::strspn(name, "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_.-");
+  return name[n] == '\0' && n <= 32;
+}
+
+ShellWord::ShellWord(const char* text) : text_(), ok_(text != nullptr) {
+  std::size_t n = 0;
+  const auto put = [&](const char* part) {
+    const std::size_t len = std::strlen(part);
+    ok_ = ok_ && n + len < sizeof text_;
+    if (ok_) {
+      std::memcpy(text_ + n, part, len);
+      n += len;
+    }
+  };
+  put("'");
+  for (const char* p = text; ok_ && *p != '\0'; ++p) {
+    const char one[2] = {*p, '\0'};
+    put(*p == '\'' ? "'\\''" : one);
+  }
+  put("'");
+  text_[ok_ ? n : 0] = '\0';
+}
+
 }  // namespace fsu::platform

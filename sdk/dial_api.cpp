@@ -54,14 +54,16 @@ bool starts_text(const char* text, const char* const (&codes)[4]) {
   return false;
 }
 
-// Caller text headed for a command line where it stands unquoted.
-bool refused(const char* call, const char* text) {
-  if (platform::caller_text_is_safe(text, platform::Blanks::kRefused)) return false;
-  SDK_LOG_WRITE(SDK_LOG_SYS, "%s refused text that could change its command", call);
+int finish(const support::BoundedText& text) { return text.fits() ? 0 : -1; }
+
+// No control characters: a line break in a password would split whatever line the account
+// tool writes it into.
+bool printable(const char* text) {
+  for (const unsigned char* p = reinterpret_cast<const unsigned char*>(text); *p != '\0'; ++p) {
+    if (*p < 0x20 || *p == 0x7f) return false;
+  }
   return true;
 }
-
-int finish(const support::BoundedText& text) { return text.fits() ? 0 : -1; }
 
 }  // namespace
 
@@ -107,16 +109,12 @@ int build_dynamic_info(int card_stat, const NtuTexts& texts, int position_mode, 
 
 using namespace fsu::sdk;
 using fsu::lte::NTU;
+using fsu::platform::ShellWord;
+using fsu::support::LogText;
 using fsu::support::SDK_LOG_DEBUG;
 using fsu::support::SDK_LOG_NET;
 using fsu::support::SDK_LOG_SYS;
 using fsu::support::SDK_LOG_WRITE;
-
-namespace {
-
-const char* shown(const char* text) { return text != nullptr ? text : "(null)"; }
-
-}  // namespace
 
 extern "C" int DialInit(void*) {
   SDK_LOG_WRITE(SDK_LOG_NET, "无线拨号初始化DialInit");
@@ -130,7 +128,7 @@ extern "C" int DialTerminate(void*) {
 
 extern "C" int DialDial(const char* param1, const char* param2) {
   NTU.pppdstart.store(1);
-  SDK_LOG_WRITE(SDK_LOG_NET, "执行拨号动作(%s,%s)", shown(param1), shown(param2));
+  SDK_LOG_WRITE(SDK_LOG_NET, "执行拨号动作(%s,%s)", LogText(param1).c_str(), LogText(param2).c_str());
   return 0;
 }
 
@@ -188,29 +186,41 @@ extern "C" int SetRtc(const char* time) {
   fsu::board::bsp_SoftDogFeed();
   fsu::platform::run_command("hwclock -w");
   fsu::board::bsp_SoftDogFeed();
-  SDK_LOG_WRITE(SDK_LOG_SYS, "SetRtc %s;set_cmd=%s", time, command);
+  SDK_LOG_WRITE(SDK_LOG_SYS, "SetRtc %s;set_cmd=%s", LogText(time).c_str(), command);
   return 0;
 }
 
 extern "C" int SetFtp(const char* user, const char* password, const char* path) {
-  SDK_LOG_WRITE(SDK_LOG_DEBUG, "fun=%s,usr =%s,password=%s,path=%s", "SetFtp", shown(user), shown(password),
-                shown(path));
+  // The password never reaches the log, whatever happens to the call.
+  SDK_LOG_WRITE(SDK_LOG_DEBUG, "fun=%s,usr =%s,password=%s,path=%s", "SetFtp", LogText(user).c_str(),
+                password != nullptr ? "***" : "(null)", LogText(path).c_str());
   if (path == nullptr) return -1;
-  if (refused("SetFtp", user) || refused("SetFtp", password) || refused("SetFtp", path)) return -1;
+  // A plain account name and one absolute folder under the root; the password may hold
+  // anything but control characters, since it stands quoted as one argument.
   const fsu::platform::DevicePath folder(path);
-  if (!folder.ok()) return -1;
-  if (fsu::support::IsFileExist(path) == 0) {
-    fsu::platform::run_commandf("mkdir %s", folder.c_str());
-    fsu::platform::run_commandf("chmod 777 %s", folder.c_str());
+  const ShellWord name(user), secret(password), home(folder.c_str());
+  if (!fsu::platform::caller_account_is_safe(user) || !fsu::platform::caller_path_is_safe(path) || !folder.ok() ||
+      !secret.ok() || !home.ok() || !printable(password)) {
+    SDK_LOG_WRITE(SDK_LOG_SYS, "SetFtp refused an account name, password or folder");
+    return -1;
   }
-  fsu::platform::run_commandf("user.sh del %s", user);
-  fsu::platform::run_commandf("user.sh add %s %s %s", user, password, folder.c_str());
+  // Opened to everyone only when the folder is new: a path that turned up in the meantime
+  // (a link planted after the check) is left as it is.
+  if (fsu::support::IsFileExist(path) == 0 && fsu::platform::run_commandf("mkdir %s", home.c_str()) == 0) {
+    fsu::platform::run_commandf("chmod 777 %s", home.c_str());
+  }
+  fsu::platform::run_commandf("user.sh del %s", name.c_str());
+  fsu::platform::run_commandf("user.sh add %s %s %s", name.c_str(), secret.c_str(), home.c_str());
   return 0;
 }
 
 extern "C" int DelFtp(const char* user) {
-  SDK_LOG_WRITE(SDK_LOG_DEBUG, "fun=%s,usr =%s", "DelFtp", shown(user));
-  if (!refused("DelFtp", user)) fsu::platform::run_commandf("user.sh del %s", user);
+  SDK_LOG_WRITE(SDK_LOG_DEBUG, "fun=%s,usr =%s", "DelFtp", LogText(user).c_str());
+  if (fsu::platform::caller_account_is_safe(user)) {
+    fsu::platform::run_commandf("user.sh del %s", ShellWord(user).c_str());
+  } else {
+    SDK_LOG_WRITE(SDK_LOG_SYS, "DelFtp refused an account name");
+  }
   return -1;
 }
 

@@ -125,8 +125,14 @@ extern "C" int UpdateSDK(const char* path) {
   }
   const DevicePath archive(path);
   const DevicePath target("/tmp/dt_upgrade.gz");
-  if (!archive.ok()) return -1;
-  fsu::platform::run_commandf("mv '%s' %s", archive.c_str(), target.c_str());
+  const fsu::platform::ShellWord quoted(archive.c_str());
+  if (!archive.ok() || !quoted.ok()) return -1;
+  // The upgrade tool takes whatever lies at the target: after a failed move, that is an older
+  // archive, which must not be installed.
+  if (fsu::platform::run_commandf("mv %s %s", quoted.c_str(), target.c_str()) != 0) {
+    SDK_LOG_WRITE(SDK_LOG_SYS, "UpdateSDK could not move the archive: nothing upgraded");
+    return -1;
+  }
   fsu::platform::run_command("kvupgrade -f >/dev/null 2>&1 &");
   return 0;
 }

@@ -121,6 +121,21 @@ case $# in
 esac
 )";
 
+// The unit's FTP accounts in sim/ftp_accounts, one line each: name, password and folder as
+// received, tab-separated, so that a test sees whether each argument arrived whole.
+constexpr std::string_view kUserSh = R"(accounts=$root/sim/ftp_accounts
+case $1:$# in
+  add:4|del:2) ;;
+  *) printf 'usage: user.sh add USER PASSWORD FOLDER | user.sh del USER\n' >&2; exit 1 ;;
+esac
+others=
+[ -f "$accounts" ] && others=$(awk -F '\t' -v user="$2" '$1 != user' "$accounts")
+{
+  [ -z "$others" ] || printf '%s\n' "$others"
+  [ "$1" = del ] || printf '%s\t%s\t%s\n' "$2" "$3" "$4"
+} >"$accounts.new" && mv "$accounts.new" "$accounts"
+)";
+
 struct Tool {
   std::string_view name;
   std::string_view body;
@@ -129,7 +144,7 @@ struct Tool {
 // Every device tool that the platform layer insists on finding here.
 constexpr Tool kTools[] = {
     {"killall", kKillall},     {"nohup", kNohup},         {"reboot", kRecordOnly},   {"kvupgrade", kRecordOnly},
-    {"user.sh", kRecordOnly},  {"pppd", kRecordOnly},     {"poweroff", kRecordOnly},
+    {"user.sh", kUserSh},      {"pppd", kRecordOnly},     {"poweroff", kRecordOnly},
     {"halt", kRecordOnly},     {"shutdown", kRecordOnly}, {"hwclock", kHwclock},
     {"date", kDate},           {"uci", kUci},             {"lsusb", kLsusb},
     {"lte.sh", kLteSh},        {"ifconfig", kIfconfig},

@@ -43,6 +43,10 @@ TEST(SandboxRoot, ResolvesDevicePathsUnderTheRootAndRefusesRootsAndTextsACommand
   EXPECT_FALSE(caller_text_is_safe(nullptr, Blanks::kAllowed) || caller_text_is_safe("/tmp/a b.gz", Blanks::kRefused));
   EXPECT_TRUE(caller_text_is_safe("2023-12-27 23:09:56", Blanks::kAllowed) &&
               caller_text_is_safe("/tmp/dt_sdk_upgrade.gz", Blanks::kRefused) && caller_text_is_safe("", Blanks::kRefused));
+  for (const char* bad : {"", "-u", "*", "a b", "u;x", "u\n", "ü", "u23456789012345678901234567890123"})
+    EXPECT_FALSE(caller_account_is_safe(bad)) << bad;
+  EXPECT_TRUE(caller_account_is_safe("ftp.user-1") && caller_account_is_safe("_2345678901234567890123456789012"));
+  EXPECT_FALSE(caller_account_is_safe(nullptr) || ShellWord(nullptr).ok() || ShellWord(std::string(300, '\'').c_str()).ok());
 }
 
 TEST(CommandRunner, RunsWithTheSandboxToolsOnlyAndCapturesBounded) {
@@ -54,6 +58,9 @@ TEST(CommandRunner, RunsWithTheSandboxToolsOnlyAndCapturesBounded) {
   EXPECT_EQ(capture("yes | head -c 100000", 10), "y\ny\ny\ny\ny\n");
   EXPECT_EQ(capture("printf abc; exit 1"), "abc");
   EXPECT_EQ(capture("true"), "");
+  // Any text stands as one word, unchanged.
+  const std::string word = "it's $HOME `id` \"a  b\" \\ ;\n*";
+  EXPECT_EQ(capture(("printf '[%s]' " + std::string(ShellWord(word.c_str()).c_str()) + " ''").c_str()), "[" + word + "][]");
   EXPECT_EQ(run_command(nullptr), -1);
   EXPECT_EQ(run_commandf("echo %s", std::string(kCommandSize, 'x').c_str()), -1);
 

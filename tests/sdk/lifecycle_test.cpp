@@ -9,6 +9,7 @@
 #include "gps/nmea_reader.h"
 #include "sdk/clock_repair.h"
 #include "sdk/lifecycle.h"
+#include "support/sdk_log.h"
 #include "tests/sim/board_fixture.h"
 
 namespace fsu::sdk {
@@ -74,8 +75,52 @@ TEST(Lifecycle, ClockCheckRepairsNothingWhenTheClockAnswersInformationIsBoundedA
   EXPECT_EQ(box.calls().find("reboot"), std::string::npos);
   std::filesystem::create_directory(box.path("/tmp/new dir"));
   box.write("/tmp/new dir/c.gz", "c");  // quoted in the command
+  // A move that fails upgrades nothing: the archive left from before is not installed.
+  const auto upgrades = [&] {
+    const std::string calls = box.calls();
+    int n = 0;
+    for (auto at = calls.find("kvupgrade"); at != std::string::npos; at = calls.find("kvupgrade", at + 1)) ++n;
+    return n;
+  };
+  const auto before = upgrades();
+  EXPECT_EQ(UpdateSDK("/tmp/missing.gz"), -1);
   EXPECT_EQ(UpdateSDK("/tmp/new dir/c.gz"), 0);
   EXPECT_EQ(box.read("/tmp/dt_upgrade.gz"), "c");
+  EXPECT_TRUE(sim::poll_until(10, [&] { return upgrades() > before; }));
+  EXPECT_FALSE(sim::poll_until(0.3, [&] { return upgrades() > before + 1; })) << box.calls();
+}
+
+// Hostile callers: no text runs a command or changes a mode; any password arrives whole, unlogged.
+TEST(Lifecycle, FtpAccountsTakePlainNamesAndFoldersUnderTheRootAndWholePasswordsThatAreNeverLogged) {
+  fsu::test::TestSandbox box;
+  support::SDK_LOG_PAR_INIT();
+  const auto modes = [&] {
+    std::string out;
+    for (const auto& e : std::filesystem::recursive_directory_iterator(box.path("/etc")))
+      out += e.path().string() + " " + std::to_string(static_cast<int>(e.status().permissions())) + "\n";
+    return out;
+  };
+  const std::string etc = modes();
+  const char* const hostile[][3] = {
+      {"u", "p", "/etc/config/*"}, {"u", "p", "/etc/*"},   {"u", "p", "-rf"},     {"u", "p", "ftp"},
+      {"u", "p", "/tmp/../ftp"},   {"*", "p", "/tmp/ftp"}, {"-u", "p", "/tmp/ftp"}, {"a b", "p", "/tmp/ftp"},
+      {"u;reboot", "p", "/tmp/ftp"}, {"", "p", "/tmp/ftp"}, {"u23456789012345678901234567890123", "p", "/tmp/ftp"},
+      {"u", "p\nq", "/tmp/ftp"},  {nullptr, "p", "/tmp/ftp"}, {"u", nullptr, "/tmp/ftp"}, {"u", "p", nullptr}};
+  for (const auto& h : hostile) EXPECT_EQ(SetFtp(h[0], h[1], h[2]), -1) << (h[2] ? h[2] : "(null)");
+  for (const char* user : {"*", "-a", "a b", "x;reboot", ""}) EXPECT_EQ(DelFtp(user), -1);
+  EXPECT_EQ(box.calls(), "");
+  EXPECT_EQ(modes(), etc);
+  EXPECT_FALSE(std::filesystem::exists("ftp") || std::filesystem::exists("-rf") || box.exists("/tmp/ftp"));
+
+  const std::string password = "pa$s 'w\"d` $(x)";
+  EXPECT_EQ(SetFtp("ftp.user-1", password.c_str(), "/tmp/ftp"), 0);
+  EXPECT_EQ(std::filesystem::status(box.path("/tmp/ftp")).permissions(), std::filesystem::perms::all);
+  EXPECT_EQ(box.read("/sim/ftp_accounts"), "ftp.user-1\t" + password + "\t" + box.path("/tmp/ftp") + "\n");
+  EXPECT_EQ(DelFtp("ftp.user-1"), -1);
+  EXPECT_EQ(box.read("/sim/ftp_accounts"), "");
+  const std::string log = box.read("/tmp/sdklog.log");
+  EXPECT_EQ(log.find("pa$s"), std::string::npos);
+  EXPECT_NE(log.find("fun=SetFtp,usr =ftp.user-1,password=***,path=/tmp/ftp"), std::string::npos) << log;
 }
 
 }  // namespace

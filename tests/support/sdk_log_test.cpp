@@ -73,6 +73,7 @@ TEST_F(SdkLogTest, SuppressedAndDroppedRecordsTouchNothingButUseNumbersAndCaller
   const char* forged = "/x.gz\r\n[2026-01-01 00:00:00.0 sdk_SYS   Line=0000000099]:forged";
   char alias[256];
   UpdateSDK(forged), SetDOValue(forged, 1), WriteUart(forged, "x", 1), ReadResourceAlias(forged, alias, sizeof alias);
+  DialDial(forged, forged), SetFtp(forged, "p", forged), DelFtp(forged);
   const std::string log = sandbox_.read(kLogFile);
   EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), log_record_count() - 3) << log;  // 3 records not in the file
   EXPECT_EQ(std::count(log.begin(), log.end(), '\r'), log_record_count() - 3);
