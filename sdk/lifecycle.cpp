@@ -1,8 +1,10 @@
 #include "sdk/lifecycle.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <unistd.h>
 
 #include "fsusdk.h"
 #include "platform/caller_text.h"
@@ -127,6 +129,13 @@ extern "C" int UpdateSDK(const char* path) {
   const DevicePath target("/tmp/dt_upgrade.gz");
   const fsu::platform::ShellWord quoted(archive.c_str());
   if (!archive.ok() || !quoted.ok()) return -1;
+  // Anyone may plant an entry at the target in /tmp: a link to a folder would take the archive
+  // elsewhere and the upgrade tool would read through it. An old archive goes too; a folder that
+  // cannot be removed stops the upgrade.
+  if (::unlink(target.c_str()) != 0 && errno != ENOENT) {
+    SDK_LOG_WRITE(SDK_LOG_SYS, "UpdateSDK found something other than a file at /tmp/dt_upgrade.gz: nothing upgraded");
+    return -1;
+  }
   // The upgrade tool takes whatever lies at the target: after a failed move, that is an older
   // archive, which must not be installed.
   if (fsu::platform::run_commandf("mv %s %s", quoted.c_str(), target.c_str()) != 0) {

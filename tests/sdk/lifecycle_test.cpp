@@ -88,6 +88,20 @@ TEST(Lifecycle, ClockCheckRepairsNothingWhenTheClockAnswersInformationIsBoundedA
   EXPECT_EQ(box.read("/tmp/dt_upgrade.gz"), "c");
   EXPECT_TRUE(sim::poll_until(10, [&] { return upgrades() > before; }));
   EXPECT_FALSE(sim::poll_until(0.3, [&] { return upgrades() > before + 1; })) << box.calls();
+  // Entries planted at the target: a link to a folder outside is replaced, a folder stops the upgrade.
+  const std::filesystem::path outside = box.path("/outside");
+  std::filesystem::create_directory(outside);
+  std::filesystem::remove(box.path("/tmp/dt_upgrade.gz"));
+  std::filesystem::create_directory_symlink(outside, box.path("/tmp/dt_upgrade.gz"));
+  box.write("/tmp/d.gz", "d");
+  EXPECT_EQ(UpdateSDK("/tmp/d.gz"), 0);
+  EXPECT_TRUE(std::filesystem::is_empty(outside));
+  EXPECT_EQ(box.read("/tmp/dt_upgrade.gz"), "d");
+  std::filesystem::remove(box.path("/tmp/dt_upgrade.gz"));
+  std::filesystem::create_directories(box.path("/tmp/dt_upgrade.gz/x"));
+  box.write("/tmp/e.gz", "e");
+  EXPECT_EQ(UpdateSDK("/tmp/e.gz"), -1);
+  EXPECT_TRUE(box.exists("/tmp/e.gz"));
 }
 
 // Hostile callers: no text runs a command or changes a mode; any password arrives whole, unlogged.
