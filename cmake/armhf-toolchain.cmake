@@ -1,7 +1,9 @@
 # Cross build for the board's processor (32-bit ARM, hard float) with Debian's
 # g++-arm-linux-gnueabihf. Test programs run under qemu-arm with the cross sysroot, so
-# gtest_discover_tests and ctest work on the build machine:
-#   cmake -S . -B build-armhf -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake
+# gtest_discover_tests and ctest work on the build machine; the tests start the programs of the
+# build under it too. The module and e2e tests want a native fsusim (scripts/test.sh armhf):
+#   cmake -S . -B build-armhf -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake \
+#     -DFSU_TEST_HOST_FSUSIM=$PWD/build-armhf-host/fsusim
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
 

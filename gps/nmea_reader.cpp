@@ -14,6 +14,7 @@
 #include "platform/command_runner.h"
 #include "platform/sandbox_root.h"
 #include "support/file_helpers.h"
+#include "support/thread_buffer.h"
 
 namespace fsu::gps {
 namespace {
@@ -385,7 +386,8 @@ void request_gps_reset() { reset_request.store(1); }
 int remove_gps_files() { return platform::run_commandf("rm %s", platform::DevicePath("/tmp/gps_*").c_str()); }
 
 const char* Read_A_Str(const char* text, int n, int m, const char* a, const char* b) {
-  thread_local char Str_Read[kFieldChars + 1];
+  thread_local support::ThreadBuffer<kFieldChars + 1> str_read_buffer;
+  auto& Str_Read = str_read_buffer.text();
   std::memset(Str_Read, 0, sizeof Str_Read);
   if (text == nullptr || a == nullptr || b == nullptr || *a == '\0' || *b == '\0' || n < 1 || m < 1) return Str_Read;
   const char* first = nth(text, a, n);

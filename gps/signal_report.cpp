@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "support/bounded_text.h"
+#include "support/thread_buffer.h"
 
 namespace fsu::gps {
 namespace {
@@ -31,7 +32,8 @@ std::size_t build_signal_report(const GpsInfo& info, char* out, std::size_t size
 }
 
 const char* SET_GPS_BD_dB() {
-  thread_local char GPSDB_INFO[kSignalReportSize];
+  thread_local support::ThreadBuffer<kSignalReportSize> report_buffer;
+  auto& GPSDB_INFO = report_buffer.text();
   GPS_dB_Read.store(1);
   build_signal_report(gps_info(), GPSDB_INFO, sizeof GPSDB_INFO);
   return GPSDB_INFO;

@@ -16,6 +16,7 @@
 #include "platform/safe_file.h"
 #include "platform/sandbox_root.h"
 #include "support/file_helpers.h"
+#include "support/thread_buffer.h"
 
 namespace fsu::lte {
 
@@ -70,8 +71,8 @@ bool capture_uci(const char* command, char (&capture)[kCapture + 1]) {
   return false;
 }
 
-thread_local char Resultbuf[100];
-thread_local char netaddr[16];
+thread_local support::ThreadBuffer<100> result_buffer;
+thread_local support::ThreadBuffer<16> netaddr_buffer;
 
 }  // namespace
 
@@ -148,6 +149,7 @@ int read_ethip(const char* ifname, char (&field)[kNtuTextSize]) {
       ifreq request{};
       std::snprintf(request.ifr_name, sizeof request.ifr_name, "%s", ifname);
       const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+      auto& netaddr = netaddr_buffer.text();
       std::memset(netaddr, 0, sizeof netaddr);
       if (fd >= 0 && ioctl(fd, SIOCGIFADDR, &request) == 0) {
         const auto* address = reinterpret_cast<const sockaddr_in*>(&request.ifr_addr);
@@ -202,6 +204,7 @@ void ReadPar_text(const char* text, std::size_t size, const char* key, char (&ou
 }
 
 char* ReadPar(const char* path, const char* key) {
+  auto& Resultbuf = result_buffer.text();
   Resultbuf[0] = '\0';
   const platform::DevicePath file(path);
   if (!file.ok()) return Resultbuf;
@@ -214,7 +217,8 @@ char* ReadPar(const char* path, const char* key) {
   if (size <= 0) return Resultbuf;
   const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return Resultbuf;
-  static thread_local char contents[kReadParWindow];
+  thread_local support::ThreadBuffer<kReadParWindow> contents_buffer;
+  auto& contents = contents_buffer.text();
   const std::size_t want = static_cast<std::size_t>(std::min(size, kReadParWindow));
   std::size_t got = 0;
   while (got < want) {

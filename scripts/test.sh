@@ -9,7 +9,10 @@
 #   tsan      clang, ThreadSanitizer, the suite                         build-tsan/
 #   fuzz      every fuzz target for 30 s on its seeds (scripts/fuzz.sh) build-fuzz/
 #   coverage  gcc --coverage, the suite, line coverage per folder       build-cov/
-#   armhf     cross build for the board, unit tests under qemu-arm      build-armhf/
+#   armhf     cross build for the board and its checks of folded        build-armhf/
+#             thread-local offsets; unit, module and the serial, board,
+#             web, modem and receiver e2e tests under qemu-arm, on a
+#             native fsusim                                              build-armhf-host/
 #   soak      3 minutes of the soak and fault campaign (scripts/soak.sh) on the release build
 #             and on the ASan+UBSan build                                build-soak[-asan]/
 # Every stage runs even when an earlier one failed; the run fails when any stage failed.
@@ -88,13 +91,24 @@ stage_coverage() {
     python3 scripts/coverage_table.py build-cov/coverage.json
 }
 
+# The board's build: its unit and module suites under qemu-arm, and on a native fsusim (it only
+# stands in for the board) the end-to-end tests of the serial paths, the extension and environment
+# boards, the web request files, the modem and the receiver. Left out, as they test no more of the
+# board's build than these and wait out long timeouts: benchkit's menu, the watchdog's reboot and
+# the modem's recovery.
+armhf_e2e='^(SerialOnSimulator|BoardsOnSimulator|WebPagesOnSimulator|ModemOnSimulator|PositioningOnSimulator)\.'
 stage_armhf() {
-  cmake -S . -B build-armhf -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake -DFSU_WERROR=ON -DFSU_BUILD_BENCH=OFF \
-    >/dev/null &&
+  cmake -S . -B build-armhf-host -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFSU_WERROR=ON \
+    -DFSU_BUILD_TESTS=OFF -DFSU_BUILD_BENCH=OFF >/dev/null &&
+    cmake --build build-armhf-host -j2 --target fsusim &&
+    cmake -S . -B build-armhf -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+      -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake -DFSU_WERROR=ON -DFSU_BUILD_BENCH=OFF \
+      -DFSU_TEST_HOST_FSUSIM="$PWD/build-armhf-host/fsusim" >/dev/null &&
     cmake --build build-armhf -j2 &&
     arm-linux-gnueabihf-readelf -h build-armhf/benchkit | grep -E 'Class|Machine|Flags' &&
-    suite build-armhf -L unit
+    find build-armhf -name '*.o' -exec python3 scripts/check_tls_offsets.py {} + &&
+    suite build-armhf -L 'unit|module' &&
+    suite build-armhf -L e2e -R "$armhf_e2e"
 }
 
 # Both runs even when the first fails, so that one log shows both.

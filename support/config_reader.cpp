@@ -11,6 +11,7 @@
 
 #include "platform/sandbox_root.h"
 #include "support/file_helpers.h"
+#include "support/thread_buffer.h"
 
 namespace fsu::support {
 namespace {
@@ -138,7 +139,8 @@ bool uci_get_para(const char* text, std::size_t length, const char* section, con
 }
 
 const char* sdkuci_get_ram(const char* command) {
-  thread_local char result[kUciValueSize];
+  thread_local ThreadBuffer<kUciValueSize> result_buffer;
+  auto& result = result_buffer.text();
   result[0] = '\0';
   char config[kUciNameSize], section[kUciNameSize], option[kUciNameSize];
   if (!fill_string(command, config, section, option)) return result;
@@ -157,7 +159,8 @@ const char* sdkuci_get_ram(const char* command) {
 }
 
 const char* sdkuci_get_flash(const char* command) {
-  thread_local char result[kUciValueSize];
+  thread_local ThreadBuffer<kUciValueSize> result_buffer;
+  auto& result = result_buffer.text();
   result[0] = '\0';
   char config[kUciNameSize], section[kUciNameSize], option[kUciNameSize];
   // A configuration name never leaves /etc/config.
@@ -184,7 +187,8 @@ void ram_init() {
 }
 
 const char* sdkls(const char* dir) {
-  thread_local char listing[kListingSize];
+  thread_local ThreadBuffer<kListingSize> listing_buffer;
+  auto& listing = listing_buffer.text();
   if (dir == nullptr) return nullptr;
   const platform::DevicePath resolved(dir);
   DIR* d = resolved.ok() ? opendir(resolved.c_str()) : nullptr;

@@ -15,6 +15,7 @@
 #include "platform/safe_file.h"
 #include "platform/sandbox_root.h"
 #include "support/bounded_text.h"
+#include "support/thread_buffer.h"
 
 namespace fsu::support {
 namespace {
@@ -216,7 +217,8 @@ int Read_Data_File(const char* path, char* buf, int size) {
 }
 
 char* BSP_ReadPar(const char* path, const char* key) {
-  thread_local char Resultbuf[kResultSize];
+  thread_local ThreadBuffer<kResultSize> result_buffer;
+  auto& Resultbuf = result_buffer.text();
   if (path == nullptr || key == nullptr || key[0] == '\0') return nullptr;
   const long file_size = FSU_get_file_size(path);
   if (file_size <= 0) return nullptr;  // missing or empty
@@ -293,7 +295,8 @@ std::time_t strtotime(const char* text) {
 }
 
 char* Return_systime_string(std::time_t t) {
-  thread_local char time_string[kTimeStringSize];
+  thread_local ThreadBuffer<kTimeStringSize> time_buffer;
+  auto& time_string = time_buffer.text();
   const std::tm local = platform::local_time(t);
   if (std::snprintf(time_string, sizeof time_string, "%04d-%02d-%02d %02d:%02d:%02d",
                     local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,

@@ -5,9 +5,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
 #include <poll.h>
 #include <pty.h>
+#include <sstream>
 #include <stdexcept>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -16,6 +19,35 @@
 
 namespace fsu::test {
 namespace {
+
+// The ELF machine of a regular file, 0 for anything else.
+int elf_machine(const char* path) {
+  struct stat st;
+  if (stat(path, &st) != 0 || !S_ISREG(st.st_mode)) return 0;
+  unsigned char head[20];
+  const int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  const bool read_all = read(fd, head, sizeof head) == static_cast<ssize_t>(sizeof head);
+  close(fd);
+  if (!read_all || std::memcmp(head, "\x7f" "ELF", 4) != 0) return 0;
+  return head[18] << 8 | head[19];  // compared with the same encoding only
+}
+
+// In a cross build every program of this build's processor that a test starts runs under the
+// emulator, wherever it stands in the command line: first, after `env` settings or after the
+// `--` of fsusim (a native one, which then starts the emulator).
+std::vector<std::string> emulated(const std::vector<std::string>& argv) {
+  std::istringstream words(FSU_TEST_EMULATOR);
+  const std::vector<std::string> emulator{std::istream_iterator<std::string>(words), {}};
+  if (emulator.empty()) return argv;
+  static const int own = elf_machine("/proc/self/exe");
+  std::vector<std::string> command;
+  for (const std::string& arg : argv) {
+    if (elf_machine(arg.c_str()) == own) command.insert(command.end(), emulator.begin(), emulator.end());
+    command.push_back(arg);
+  }
+  return command;
+}
 
 [[noreturn]] void exec_child(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
   for (const std::string& e : env) putenv(strdup(e.c_str()));
@@ -28,9 +60,10 @@ namespace {
 
 }  // namespace
 
-ConsoleDriver::ConsoleDriver(const std::vector<std::string>& argv, Mode mode,
+ConsoleDriver::ConsoleDriver(const std::vector<std::string>& program, Mode mode,
                              const std::vector<std::string>& env)
     : mode_(mode) {
+  const std::vector<std::string> argv = emulated(program);
   if (mode == Mode::kTerminal) {
     int master = -1;
     pid_ = forkpty(&master, nullptr, nullptr, nullptr);

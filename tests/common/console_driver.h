@@ -12,7 +12,8 @@ class ConsoleDriver {
  public:
   enum class Mode { kTerminal, kPipes };
 
-  // Starts argv[0] with the arguments; extra environment entries as "NAME=value".
+  // Starts argv[0] with the arguments; extra environment entries as "NAME=value". In a cross
+  // build the programs of the build among them run under the build's emulator.
   ConsoleDriver(const std::vector<std::string>& argv, Mode mode,
                 const std::vector<std::string>& env = {});
   ~ConsoleDriver();
