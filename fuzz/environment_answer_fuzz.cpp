@@ -36,16 +36,13 @@ void check_ranges(const STR_BSP_ENV_INFO_T& info) {
   }
 }
 
-// What a decode writes besides the volts and milliamperes it derives: raw words, inputs,
-// relay states and status, as one text.
+// The raw words, inputs and relay states a decode writes, as one text.
 std::string readings(const STR_BSP_ENV_INFO_T& info) {
   std::string out;
   for (int c = 0; c < 16; ++c) {
-    out += std::to_string(info.usAiVoltRaw[c].load()) + "/" + std::to_string(info.usAiCurrRaw[c].load()) + " ";
-    out += static_cast<char>('0' + info.ucDi[c].load());
+    out += std::to_string(info.usAiVoltRaw[c] * 65536u + info.usAiCurrRaw[c]) + static_cast<char>('0' + info.ucDi[c] + 2 * info.ucDoState[c % 8]);
   }
-  for (int b = 0; b < 8; ++b) out += std::to_string(info.ucDoState[b].load() * 2 + info.ucStatusBits[b].load());
-  return out + std::to_string(info.ucStatusByte.load());
+  return out;
 }
 
 }  // namespace

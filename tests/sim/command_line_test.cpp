@@ -68,7 +68,9 @@ TEST(Fsusim, RunPassesStatusStreamsAndEnvironmentKeepsAGivenRootRefusesBadUseAnd
   EXPECT_NE(box.read("/tmp/unit/sim/state").find("uart 3 device=/dev/ttymxc3 for=Local/Uart/3 mode=silent"), std::string::npos);
   EXPECT_EQ(box.read("/tmp/unit/sys/class/gpio/gpio8/value"), "0\n");
   const key_t counters = platform::shared_memory_key_in(unit.c_str(), kCounterSegmentKey);
-  ASSERT_GE(shmget(counters, kCounterSegmentSize, IPC_CREAT | 0600), 0);  // as a console on the board makes it
+  ASSERT_GE(shmget(counters, 16, IPC_CREAT | 0600), 0);  // not the console's: no counters to show, but it goes too
+  EXPECT_EQ(capture(kFsusim + " web --root " + unit + " counters 2>&1; echo $?"),
+            "fsusim: no usable counter segment in " + unit + ": the one there has 16 bytes, mode 0600, the console's has 1728 bytes, mode 0600\n1\n");
   EXPECT_EQ(exit_code(kFsusim + " run --root " + unit + " -- true 2>/dev/null"), 1);  // one board per root
   EXPECT_GE(shmget(counters, 0, 0), 0);  // and the refused run leaves the board's segment alone
 

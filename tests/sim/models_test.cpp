@@ -88,8 +88,7 @@ TEST(EnvironmentBoard, AnswersWellFormedFramesGatheredFromPiecesAndIgnoresWhatIt
   board.set_noisy(true);  // every answer keeps its shape on the line but fails its checks
   for (int k = 0; k < 50; ++k) {
     const std::string noisy = heard(board, kPoll);
-    ASSERT_TRUE(noisy.size() == 200u && noisy.find('\r') == 199u) << k;
-    EXPECT_NE(serial::env_answer_fault(reinterpret_cast<const std::uint8_t*>(noisy.data()), noisy.size()), nullptr) << k;
+    EXPECT_TRUE(noisy.find('\r') == 199u && serial::env_answer_fault(reinterpret_cast<const std::uint8_t*>(noisy.data()), noisy.size()) != nullptr) << k;
   }
   board.set_noisy(false);
   ASSERT_TRUE(heard(board, relay_command(0x00)).size() == 200u && !board.relay(1));
