@@ -230,6 +230,7 @@ TEST(EnvironmentGathering, WaitsUpTo17BytesDiscardsShortAnswersDecodesWholeAnswe
                                 seal("21014100", info, EnCheckLTH(90)),           // LENID of 180 characters
                                 seal("21014100", info, EnCheckLTH(91) ^ 0x1000),  // LCHKSUM off by one
                                 seal("21014100", "G" + info.substr(1)),           // sealed, but not hex
+                                seal("21014100", info + "0", EnCheckLTH(91)),     // a hex digit more than LENGTH says
                                 "#" + other.substr(1), other.substr(0, 199) + "\n", other + "0", noise};
   EXPECT_EQ(feed(text, 0, 20), 0);  // past 17 bytes at once: discarded, as is the rest
   EXPECT_EQ(feed(text, 20, 180), 0);
@@ -250,8 +251,8 @@ TEST(EnvironmentGathering, WaitsUpTo17BytesDiscardsShortAnswersDecodesWholeAnswe
   }
   EXPECT_EQ(feed(text + std::string(5000, '0')), 0);  // never past the record's 4096 bytes
   EXPECT_EQ(LIST_MCOM_RECV_INFO[kEnvAnswerRecord].aucData[0], 0);
-  feed(other);
-  EXPECT_EQ(std::pair(reading(), env_answers_dropped()), std::pair(std::pair(std::uint16_t{0x1111}, std::uint8_t{0}), 10u));
+  feed(seal("21014100", info + "00"));  // an answer of another length, whole by its own LENGTH
+  EXPECT_EQ(std::pair(reading(), env_answers_dropped()), std::pair(std::pair(std::uint16_t{0x1111}, std::uint8_t{0}), 11u));
 }
 
 TEST(RelayCommand, CarriesRequestsThenFollowsTheBoard) {
