@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -68,26 +69,52 @@ void switch_all(const char* request, int value) {
   std::fflush(stdout);
 }
 
+// Why a segment is not one this console may use, or null: it must have the layout's
+// size, be this user's own, and be readable and writable by its owner alone.
+const char* unusable_segment(const struct shmid_ds& st) {
+  if (st.shm_segsz != kDtuShareSize) return "size";
+  if (st.shm_perm.uid != geteuid() || st.shm_perm.cuid != geteuid()) return "owner";
+  if ((st.shm_perm.mode & 0777) != 0600) return "mode";
+  return nullptr;
+}
+
 }  // namespace
 
-void DTUSHARE_init() {
+bool DTUSHARE_init() {
+  CPLD_DTU.store(nullptr, std::memory_order_release);
   const key_t key = platform::shared_memory_key(kDtuShareKey);
   int shmid = shmget(key, kDtuShareSize, IPC_CREAT | IPC_EXCL | 0600);
   if (shmid < 0) {
     if (errno != EEXIST) {
       std::perror("errno != EEXIST:\n");
-      return;
+      return false;
     }
-    shmid = shmget(key, kDtuShareSize, 0600);
-    if (shmid < 0) {
+    // Any segment of the key, whatever its size, to look at it before it is used.
+    shmid = shmget(key, 0, 0);
+    struct shmid_ds st {};
+    if (shmid < 0 || shmctl(shmid, IPC_STAT, &st) != 0) {
       std::perror("shmid < 0:\n");
-      return;
+      return false;
+    }
+    if (const char* wrong = unusable_segment(st)) {
+      // Nobody holds it: nothing in it is worth keeping (every start clears the counters), so
+      // it is made again as it should be. Held by a process, it is left to that process.
+      const bool replace = st.shm_nattch == 0 && shmctl(shmid, IPC_RMID, nullptr) == 0;
+      if (replace) shmid = shmget(key, kDtuShareSize, IPC_CREAT | IPC_EXCL | 0600);
+      std::fprintf(stderr,
+                   "counter segment of key %d: wrong %s (%zu bytes, mode %04o, owner %u, %lu attached): %s\n",
+                   static_cast<int>(key), wrong, static_cast<std::size_t>(st.shm_segsz),
+                   static_cast<unsigned>(st.shm_perm.mode & 0777), static_cast<unsigned>(st.shm_perm.uid),
+                   static_cast<unsigned long>(st.shm_nattch),
+                   !replace ? "not used, the loopback test runs without counters"
+                   : shmid < 0 ? "removed, but a new one could not be made" : "removed and made again");
+      if (shmid < 0 || !replace) return false;
     }
   }
   void* at = shmat(shmid, nullptr, 0);
   if (at == reinterpret_cast<void*>(-1)) {
     std::perror("CPLD_DTU == (void*)-1:\n");
-    return;
+    return false;
   }
   // A new console clears what an earlier one left, mutexes included.
   auto* base = static_cast<unsigned char*>(at);
@@ -100,6 +127,7 @@ void DTUSHARE_init() {
   pthread_mutex_init(&mutexes[1], &shared);
   pthread_mutexattr_destroy(&shared);
   CPLD_DTU.store(base, std::memory_order_release);
+  return true;
 }
 
 bool dtu_attached() { return CPLD_DTU.load(std::memory_order_acquire) != nullptr; }

@@ -15,9 +15,11 @@ constexpr int kDtuShareKey = 1236;
 constexpr std::size_t kDtuShareSize = 1728;
 constexpr int kDtuPorts = 16;
 
-// Creates or opens the segment, attaches it, clears it and prepares its mutexes; on failure
-// prints the system error and leaves the counters unattached.
-void DTUSHARE_init();
+// Creates or opens the segment, attaches it, clears it and prepares its mutexes; true once
+// attached. An existing segment is used only when it has this size, is this user's own and has
+// mode 0600; another is removed and made again when no process holds it, else left alone. Every
+// failure prints one line on standard error and leaves the counters unattached.
+bool DTUSHARE_init();
 // True once the segment is attached.
 bool dtu_attached();
 // Adds to port N's counters (1 to 16); nothing without the segment.

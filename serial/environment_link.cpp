@@ -21,6 +21,11 @@ constexpr int kEnvChannel = 4;
 constexpr int kRelayOutputs = 4;
 
 std::atomic<std::int32_t> ENV_BOARD_RIGHT_FG{0};
+std::atomic<std::uint32_t> g_dropped_answers{0};
+// A noisy line drops an answer a second: the first drop is logged, then every hundredth.
+constexpr std::uint32_t kDropLogEvery = 100;
+
+bool hex_digit(std::uint8_t c) { return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f'); }
 
 const char* at(const std::uint8_t* text, std::size_t position) {
   return reinterpret_cast<const char*>(text + position);
@@ -124,8 +129,23 @@ void* ENV_COM_SEND_THREAD(void* arg) {
   }
 }
 
+const char* env_answer_fault(const std::uint8_t* text, std::size_t length) {
+  if (text == nullptr || length < static_cast<std::size_t>(kEnvAnswerMin)) return "short";
+  if (text[0] != '~') return "no start mark";
+  if (text[length - 1] != '\r') return "no end mark";
+  for (std::size_t i = 1; i + 1 < length; ++i) {
+    if (!hex_digit(text[i])) return "not hex";
+  }
+  // From VER through CHKSUM, two characters a byte: INFO bytes + 8.
+  const std::size_t body = length - 2;
+  const std::uint8_t word[2] = {AscToHex(at(text, 9)), AscToHex(at(text, 11))};
+  if (body % 2 != 0 || CheckLTH(word, static_cast<int>(body / 2)) != 0) return "LENGTH";
+  if (CheckSum(text + 1, static_cast<int>(body)) != 0) return "CHKSUM";
+  return nullptr;
+}
+
 bool decode_env_answer(const std::uint8_t* text, std::size_t length, std::int32_t cycle, STR_BSP_ENV_INFO_T& info) {
-  if (text == nullptr || length < static_cast<std::size_t>(kEnvAnswerMin)) return false;
+  if (env_answer_fault(text, length) != nullptr) return false;
   const int turn = ((cycle % 10) + 10) % 10;
   for (int c = 0; c < 16; ++c) {
     const std::size_t base = 13 + 8 * static_cast<std::size_t>(c);
@@ -164,15 +184,26 @@ void env_answer_handler(const std::uint8_t* data, std::int32_t length, std::int3
                          gathered);
   if (gathered <= kEnvAnswerWait) return;
   if (gathered >= kEnvAnswerMin) {
-    sdk::PAR_SET_M_ENV_EXIST_STATUS(1);
-    decode_env_answer(rec.aucData, static_cast<std::size_t>(gathered), cycle, STR_BSP_ENV_INFO);
-    sdk::PAR_SET_EXT_ENV_EXIST_STATUS(1);
-    STR_BSP_ENV_INFO.nUpdateTime.store(static_cast<std::int32_t>(support::READ_SYSTEM_UnixTime()),
-                                       std::memory_order_relaxed);
+    const char* fault = env_answer_fault(rec.aucData, static_cast<std::size_t>(gathered));
+    if (fault == nullptr) {
+      sdk::PAR_SET_M_ENV_EXIST_STATUS(1);
+      decode_env_answer(rec.aucData, static_cast<std::size_t>(gathered), cycle, STR_BSP_ENV_INFO);
+      sdk::PAR_SET_EXT_ENV_EXIST_STATUS(1);
+      STR_BSP_ENV_INFO.nUpdateTime.store(static_cast<std::int32_t>(support::READ_SYSTEM_UnixTime()),
+                                         std::memory_order_relaxed);
+    } else {
+      const std::uint32_t dropped = g_dropped_answers.fetch_add(1, std::memory_order_relaxed) + 1;
+      if (dropped % kDropLogEvery == 1) {
+        support::SDK_LOG_WRITE(support::SDK_LOG_ERROR, "ENV answer dropped: %s, len=%d (%u dropped so far)", fault,
+                               gathered, dropped);
+      }
+    }
   }
   std::memset(rec.aucData, 0, sizeof rec.aucData);
   rec.nLen.store(0, std::memory_order_relaxed);
 }
+
+std::uint32_t env_answers_dropped() { return g_dropped_answers.load(std::memory_order_relaxed); }
 
 void SET_ENV_BOARD_RIGHT_FG() { ENV_BOARD_RIGHT_FG.store(1, std::memory_order_relaxed); }
 

@@ -58,14 +58,22 @@ void env_com_send_pass();
 // Sender thread; the argument points to an int32 used in its prints only.
 void* ENV_COM_SEND_THREAD(void* arg);
 
-// Decodes an answer text of at least kEnvAnswerMin characters at its fixed positions into
-// `info` (raw words, volts, milliamperes, DI, relay states, status bits and byte). `cycle` is
-// the receiving reader's pass counter (0 to 9), which shifts snapped voltages by a few
-// microvolts. Returns false, leaving `info` alone, for a null or shorter text.
+// Why a gathered text is not one whole answer of the board, or null when it is: at least
+// kEnvAnswerMin characters, "~" first and a carriage return last, hex digits between them, a
+// LENGTH whose LENID is the text's INFO and whose LCHKSUM holds, and a CHKSUM that holds.
+const char* env_answer_fault(const std::uint8_t* text, std::size_t length);
+// Decodes a whole answer (env_answer_fault gives null) at its fixed positions into `info` (raw
+// words, volts, milliamperes, DI, relay states, status bits and byte). `cycle` is the receiving
+// reader's pass counter (0 to 9), which shifts snapped voltages by a few microvolts. Returns
+// false, leaving `info` alone, for a null text or one that is not a whole answer.
 bool decode_env_answer(const std::uint8_t* text, std::size_t length, std::int32_t cycle, STR_BSP_ENV_INFO_T& info);
 // Handles the data of one "T" frame from an extension board reader: raises the answered flag,
-// gathers the bytes in record 14 and decodes or discards them per the gathering rule.
+// gathers the bytes in record 14 and decodes or discards them per the gathering rule. A text
+// long enough to decode that is not a whole answer is dropped and counted: the readings and the
+// exist flags stay as the last good answer left them.
 void env_answer_handler(const std::uint8_t* data, std::int32_t length, std::int32_t cycle);
+// Answers dropped since start because they failed the checks (noise on the board's line).
+std::uint32_t env_answers_dropped();
 
 // The answered flag: set by every answer frame, read and cleared by the board LED.
 void SET_ENV_BOARD_RIGHT_FG();

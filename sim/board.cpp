@@ -119,7 +119,7 @@ Board::Board(std::string root, BoardOptions options)
   command("uart", "uart N loopback|terminal|silent (N 1 to 12)", &Board::set_uart);
   command("port", "port N loopback|terminal|silent (N 1 to 4 or 7), port 7 receiver", &Board::set_port);
   command("board", "board N silent|on (N 1 or 2)", &Board::set_board);
-  command("env", "env silent|on", &Board::set_environment);
+  command("env", "env silent|noise|on", &Board::set_environment);
   command("ai", "ai N [voltage] VOLTS | ai N current MILLIAMPS (N 1 to 16)", &Board::set_analogue);
   command("di", "di N open|closed (N 1 to 16)", &Board::set_contact);
   command("modem", "modem SETTING [VALUE] (see docs/fsusim.md)", &Board::set_modem);
@@ -414,8 +414,9 @@ std::string Board::set_board(std::span<const std::string_view> args) {
 
 std::string Board::set_environment(std::span<const std::string_view> args) {
   if (args.size() != 1) return "needs a state";
-  if (args[0] != "silent" && args[0] != "on") return "no state " + quoted_line(args[0]);
+  if (args[0] != "silent" && args[0] != "noise" && args[0] != "on") return "no state " + quoted_line(args[0]);
   environment_->set_silent(args[0] == "silent");
+  environment_->set_noisy(args[0] == "noise");
   return "";
 }
 

@@ -73,7 +73,15 @@ void EnvironmentBoard::take_frame(std::string& answers) {
     return;
   }
   if (silent_) return;
-  answers += answer(cid1);
+  std::string text = answer(cid1);
+  if (noisy_) {
+    noise_ = noise_ * 1103515245u + 12345u;
+    // One bit flipped between the marks; no hex digit flips into a carriage return.
+    const std::size_t at = 1 + (noise_ >> 8) % (text.size() - 2);
+    text[at] = static_cast<char>(text[at] ^ (1u << (noise_ >> 4) % 8));
+    ++garbled_;
+  }
+  answers += text;
   ++answered_;
 }
 
@@ -116,9 +124,9 @@ bool EnvironmentBoard::set_contact(int input, bool closed) {
 }
 
 void EnvironmentBoard::describe(std::string& out) const {
-  out += std::string(" state=") + (silent_ ? "silent" : "on") + " polls=" + std::to_string(polls_) +
+  out += std::string(" state=") + (silent_ ? "silent" : noisy_ ? "noise" : "on") + " polls=" + std::to_string(polls_) +
          " commands=" + std::to_string(commands_) + " answers=" + std::to_string(answered_) +
-         " rejected=" + std::to_string(rejected_);
+         " rejected=" + std::to_string(rejected_) + " garbled=" + std::to_string(garbled_);
 }
 
 void EnvironmentBoard::describe_inputs(std::string& out) const {

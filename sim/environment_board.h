@@ -34,6 +34,9 @@ class EnvironmentBoard {
   bool set_contact(int input, bool closed);
   // A silent board still hears and switches its relays, but answers nothing.
   void set_silent(bool silent) { silent_ = silent; }
+  // On a noisy line every answer arrives with one character hit by noise (never its carriage
+  // return), so that no answer passes its checks.
+  void set_noisy(bool noisy) { noisy_ = noisy; }
   bool silent() const { return silent_; }
   bool relay(int output) const { return output >= 1 && output <= kRelays && ((relays_ >> (output - 1)) & 1) != 0; }
 
@@ -50,11 +53,14 @@ class EnvironmentBoard {
   std::uint16_t closed_ = 0;  // bit n - 1 for input n
   std::uint8_t relays_ = 0;   // bit n - 1 for output n
   bool silent_ = false;
+  bool noisy_ = false;
+  std::uint32_t noise_ = 12345;  // state of the noise's pseudo-random sequence
   std::string frame_;  // the frame being gathered, from its "~"; empty between frames
   std::uint64_t polls_ = 0;
   std::uint64_t commands_ = 0;
   std::uint64_t answered_ = 0;
   std::uint64_t rejected_ = 0;
+  std::uint64_t garbled_ = 0;
 };
 
 }  // namespace fsu::sim

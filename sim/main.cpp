@@ -265,6 +265,7 @@ int command_run(int argc, char** argv) {
       std::fprintf(stderr, "fsusim: board up in %s (fsusim ctl --root %s LINE... changes it)\n", root.c_str(),
                    root.c_str());
       code = run_command(root, argv + i);
+      fsu::sim::remove_counter_segment(root);  // as `up` does when its board stops
     }
   }
   if (!made.empty() && !fsu::sim::remove_sandbox(made)) rmdir(made.c_str());
@@ -304,6 +305,8 @@ int command_up(int argc, char** argv) {
   int sig = 0;
   sigwait(&stop_signals, &sig);
   board.stop();
+  // The console's counter segment lives outside the tree: it goes with the board.
+  fsu::sim::remove_counter_segment(root);
   return 0;
 }
 

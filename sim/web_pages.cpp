@@ -142,9 +142,28 @@ const char kWebUsage[] =
 
 bool read_counters(const std::string& root, PortCounters* counters, std::string* error) {
   const int id = shmget(platform::shared_memory_key_in(root.c_str(), kCounterSegmentKey), 0, 0);
-  void* at = id < 0 ? reinterpret_cast<void*>(-1) : shmat(id, nullptr, SHM_RDONLY);
+  if (id < 0) {
+    *error = "no counter segment in " + root + " (no console has attached one there): " + std::strerror(errno);
+    return false;
+  }
+  // Only the console's own segment holds counters: one of another size or open to other
+  // users is somebody else's, and its bytes mean nothing.
+  struct shmid_ds st {};
+  if (shmctl(id, IPC_STAT, &st) != 0) {
+    *error = "the counter segment in " + root + " cannot be looked at: " + std::strerror(errno);
+    return false;
+  }
+  if (st.shm_segsz != kCounterSegmentSize || (st.shm_perm.mode & 0777) != 0600) {
+    char found[96];
+    std::snprintf(found, sizeof found, "%zu bytes, mode %04o", static_cast<std::size_t>(st.shm_segsz),
+                  static_cast<unsigned>(st.shm_perm.mode & 0777));
+    *error = "no usable counter segment in " + root + ": the one there has " + found + ", the console's has " +
+             std::to_string(kCounterSegmentSize) + " bytes, mode 0600";
+    return false;
+  }
+  void* at = shmat(id, nullptr, SHM_RDONLY);
   if (at == reinterpret_cast<void*>(-1)) {
-    *error = "no console has attached its counter segment in " + root + ": " + std::strerror(errno);
+    *error = "the counter segment in " + root + " cannot be attached: " + std::strerror(errno);
     return false;
   }
   // Single words that the console updates while we read: each is read whole.

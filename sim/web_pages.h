@@ -21,10 +21,10 @@ struct PortCounters {
   int received[kCounterPorts];
 };
 
-// Reads the counters of the console working in `root`; false with a reason when no console has
-// attached its segment there.
+// Reads the counters of the console working in `root`; false with a reason when there is no
+// usable segment: none, or one of another size or a mode other than 0600.
 bool read_counters(const std::string& root, PortCounters* counters, std::string* error);
-// Removes that segment (the sandbox of `root` is going away).
+// Removes that segment (the board of `root` stops, or its sandbox is going away).
 void remove_counter_segment(const std::string& root);
 
 // `fsusim web` with its arguments (an action and the action's own); prints the answer on `out`

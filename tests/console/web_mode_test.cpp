@@ -1,16 +1,20 @@
 #include <gtest/gtest.h>
+#include <sys/shm.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "console/web_mode.h"
 #include "lte/lte_supervisor.h"
 #include "lte/modem_discovery.h"
 #include "lte/ntu.h"
+#include "platform/sandbox_root.h"
 #include "platform/shared_memory.h"
 #include "sdk/lifecycle.h"
 #include "sdk/resource_catalogue.h"
@@ -119,6 +123,40 @@ TEST(FilesUnderTmp, NothingPlantedAtANameTheUnitWritesIsFollowedOrWrittenThrough
   fs::remove(box.path("/tmp/sdkversion")), fs::create_directories(box.path("/tmp/sdkversion/x"));
   EXPECT_EQ(sdk::WriteSdkversion_to_file(), -1);
   for (const auto& entry : fs::directory_iterator(box.path("/tmp"))) EXPECT_NE(entry.path().filename().string()[0], '.') << entry.path();
+}
+
+// A segment of the key that is not the console's own (another size, open to every user, as anybody
+// may plant one) is never used: made again when nobody holds it, else left alone, with one line.
+TEST(WebMode, ACounterSegmentOfAnotherSizeOrModeIsMadeAgainOrLeftAlone) {
+  test::TestSandbox box;
+  const struct { std::size_t size; unsigned mode; bool held, foreign; } cases[] = {{16, 0600, false, false},
+      {kDtuShareSize, 0666, false, false}, {kDtuShareSize, 0600, false, true}, {16, 0600, true, false}, {kDtuShareSize, 0666, true, false}};
+  for (const auto& c : cases) {
+    const std::string root = box.root() + "/unit" + std::to_string(&c - cases);  // a key of its own
+    ASSERT_TRUE(platform::set_root(root.c_str()));
+    const key_t key = platform::shared_memory_key(kDtuShareKey);
+    const int planted = shmget(key, c.size, IPC_CREAT | static_cast<int>(c.mode));
+    void* held = c.held ? shmat(planted, nullptr, 0) : nullptr;
+    struct shmid_ds st {};
+    st.shm_perm.uid = geteuid() + 1, st.shm_perm.gid = getegid(), st.shm_perm.mode = static_cast<unsigned short>(c.mode);
+    ASSERT_TRUE(!c.foreign || shmctl(planted, IPC_SET, &st) == 0);  // another user's, made by us
+    sim::PortCounters seen{};
+    std::string error;
+    EXPECT_EQ(sim::read_counters(root, &seen, &error), c.foreign) << error;  // it reads, but the console wants its own
+    EXPECT_TRUE(c.foreign || error.find("no usable counter segment") != std::string::npos) << error;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(DTUSHARE_init(), !c.held);
+    const std::string line = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(std::count(line.begin(), line.end(), '\n') == 1 &&
+                line.find(c.held ? "without counters" : "made again") != std::string::npos) << line;
+    EXPECT_EQ(shmctl(shmget(key, 0, 0), IPC_STAT, &st), 0);
+    EXPECT_EQ(std::pair(static_cast<std::size_t>(st.shm_segsz), st.shm_perm.mode & 0777u),
+              c.held ? std::pair(c.size, c.mode) : std::pair(kDtuShareSize, 0600u));
+    EXPECT_EQ(std::pair(dtu_attached(), sim::read_counters(root, &seen, &error)), std::pair(!c.held, !c.held));
+    EXPECT_TRUE(c.held || st.shm_perm.uid == geteuid()) << st.shm_perm.uid;
+    if (held != nullptr) shmdt(held);
+    shmctl(shmget(key, 0, 0), IPC_RMID, nullptr);
+  }
 }
 
 }  // namespace

@@ -94,6 +94,11 @@ TEST(BoardsOnSimulator, AnApplicationReadsInputsSwitchesRelaysAndTakesTheLedsWhi
   control(box, {"board 1 on"});
   EXPECT_TRUE(poll_until(3, [&] { return gpio(box, 4) == '0'; }));
   EXPECT_NEAR(app.ask_until("ai 3", 5, [](double volts) { return volts < 2; }), 1.0, 1e-5);
+  control(box, {"env noise", "ai 3 4"});  // every answer hit by noise on the line: dropped, the readings stay
+  EXPECT_TRUE(poll_until(6, [&] { return sim::state_line(box, "env ").find("garbled=3") != std::string::npos; }));
+  EXPECT_NEAR(app.ask_until("ai 3", 1, [](double volts) { return volts > 2; }), 1.0, 1e-5);
+  control(box, {"env on"});
+  EXPECT_NEAR(app.ask_until("ai 3", 5, [](double volts) { return volts > 2; }), 4.0, 1e-5);
 
   app.console.send("led 2 1\n");
   ASSERT_TRUE(app.console.wait_for("led 2 = 1", 5));

@@ -131,17 +131,27 @@ TEST(LinkFrameCutter, SkipsStrayBytesAndFalseStartsWaitsForSplitFramesDropsOvers
   EXPECT_EQ(c.next(), b);
 }
 
-// A 190-character answer: voltage and current words, then DI bytes 1 and 2, a spare byte,
-// the relay byte, the fifth status byte, 12 characters and the status byte.
+// "~", VER ADR CID1 CID2, the LENGTH word (that of `info` unless given), `info`, the CHKSUM of
+// all that and a carriage return.
+std::string seal(const std::string& head, const std::string& info, int length_word = -1) {
+  char length[9];
+  std::snprintf(length, sizeof length, "%04X", length_word >= 0 ? length_word : EnCheckLTH(info.size() / 2));
+  std::string t = head + length + info + "....";
+  EnCheckSum(reinterpret_cast<std::uint8_t*>(t.data()), static_cast<std::uint16_t>(t.size() - 4));
+  return "~" + t + "\r";
+}
+
+// A 200-character answer as the board sends it: voltage and current words, then DI bytes 1 and
+// 2, a spare byte, the relay byte, the fifth status byte, 12 characters and the status byte.
 std::string answer(const std::uint16_t (&volts)[16], const std::uint16_t (&currents)[16], const std::string& tail) {
-  std::string t = "~21014100E0BE";
+  std::string info;
   char word[9];
   for (int c = 0; c < 16; ++c) {
     std::snprintf(word, sizeof word, "%04X%04X", volts[c], currents[c]);
-    t += word;
+    info += word;
   }
-  t += tail;
-  return t + std::string(190 - t.size(), '0');
+  info += tail;
+  return seal("21014100", info + std::string(182 - info.size(), '0'));
 }
 
 // A field as digits, "1000..." for {1, 0, 0, 0, ...}.
@@ -200,28 +210,49 @@ TEST(EnvironmentAnswer, SnapsReadingsNearATenthOfAVoltWithAFewMicrovolts) {
   }
 }
 
-TEST(EnvironmentGathering, WaitsUpTo17BytesDiscardsShortAnswersDecodesFrom186) {
+// Noise on the board's 9600-baud line: a text long enough to decode that is not one whole answer,
+// however near, changes no reading, sets no exist flag and is counted.
+TEST(EnvironmentGathering, WaitsUpTo17BytesDiscardsShortAnswersDecodesWholeAnswersFrom186AndCountsTheRest) {
   test::TestSandbox box;  // the handler logs
-  const std::string text = answer({0x5000}, {}, "") + std::string(5000, '0');
-  const auto piece = [&](std::size_t from, std::size_t n) {
+  const auto feed = [](const std::string& text, std::size_t from = 0, std::size_t n = std::string::npos) {
+    n = std::min(n, text.size() - from);
     env_answer_handler(reinterpret_cast<const std::uint8_t*>(text.data()) + from, static_cast<std::int32_t>(n), 0);
     return LIST_MCOM_RECV_INFO[kEnvAnswerRecord].nLen.load();
   };
   const auto decodes = [] { return sdk::BSP_BOARD_HARDWARE_RESOURCES[2] + sdk::BSP_BOARD_HARDWARE_RESOURCES[3]; };
-  EXPECT_EQ(piece(0, 20), 0);  // past 17 bytes at once: discarded, as is the rest
-  EXPECT_EQ(piece(20, 180), 0);
-  EXPECT_EQ(piece(0, 17), 17);  // waits
-  EXPECT_EQ(piece(17, 168), 0);  // 185 bytes: one short
-  EXPECT_EQ(decodes(), 0);
+  const auto reading = [] { return std::pair(STR_BSP_ENV_INFO.usAiVoltRaw[0].load(), STR_BSP_ENV_INFO.ucDi[0].load()); };
+  const std::string text = answer({0x5000}, {}, "FE"), other = answer({0x1111}, {}, "FF");  // AI 1 1.6 V or 0.341 V
+  const std::string info = other.substr(13, 182);
+  std::string sum = other, noise(200, '\0');
+  sum[196] = sum[196] == '0' ? '1' : '0';
+  for (std::size_t i = 0; i < noise.size(); ++i) noise[i] = static_cast<char>((i * 167 + 13) % 256);
+  const std::string broken[] = {sum,
+                                seal("21014100", info, EnCheckLTH(90)),           // LENID of 180 characters
+                                seal("21014100", info, EnCheckLTH(91) ^ 0x1000),  // LCHKSUM off by one
+                                seal("21014100", "G" + info.substr(1)),           // sealed, but not hex
+                                seal("21014100", info + "0", EnCheckLTH(91)),     // a hex digit more than LENGTH says
+                                "#" + other.substr(1), other.substr(0, 199) + "\n", other + "0", noise};
+  EXPECT_EQ(feed(text, 0, 20), 0);  // past 17 bytes at once: discarded, as is the rest
+  EXPECT_EQ(feed(text, 20, 180), 0);
+  EXPECT_EQ(feed(text, 0, 17), 17);  // waits
+  EXPECT_EQ(feed(text, 17, 168), 0);  // 185 bytes: one short
+  EXPECT_EQ(feed(noise), 0);
+  EXPECT_EQ(std::pair(decodes(), env_answers_dropped()), std::pair(0, 1u));
   EXPECT_EQ(REAG_ENV_BOARD_RIGHT_FG(), 1);
   EXPECT_EQ(REAG_ENV_BOARD_RIGHT_FG(), 0);
-  EXPECT_EQ(piece(0, 10), 10);
-  EXPECT_EQ(piece(10, 190), 0);
+  EXPECT_EQ(feed(text, 0, 10), 10);
+  EXPECT_EQ(feed(text, 10), 0);
   EXPECT_EQ(decodes(), 2);
   EXPECT_NEAR(STR_BSP_ENV_INFO.fAiVolt[0].load(), 1.6, 1e-5);
   EXPECT_GT(STR_BSP_ENV_INFO.nUpdateTime.load(), 0);
-  EXPECT_EQ(piece(0, text.size()), 0);  // never past the record's 4096 bytes
+  for (std::uint32_t k = 0; k < std::size(broken); ++k) {
+    feed(broken[k]);
+    EXPECT_EQ(std::pair(reading(), env_answers_dropped()), std::pair(std::pair(std::uint16_t{0x5000}, std::uint8_t{1}), k + 2)) << k;
+  }
+  EXPECT_EQ(feed(text + std::string(5000, '0')), 0);  // never past the record's 4096 bytes
   EXPECT_EQ(LIST_MCOM_RECV_INFO[kEnvAnswerRecord].aucData[0], 0);
+  feed(seal("21014100", info + "00"));  // an answer of another length, whole by its own LENGTH
+  EXPECT_EQ(std::pair(reading(), env_answers_dropped()), std::pair(std::pair(std::uint16_t{0x1111}, std::uint8_t{0}), 11u));
 }
 
 TEST(RelayCommand, CarriesRequestsThenFollowsTheBoard) {

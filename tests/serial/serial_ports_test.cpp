@@ -20,6 +20,7 @@
 #include "serial/receive_buffers.h"
 #include "serial/serial_ports.h"
 #include "serial/uart_driver.h"
+#include "sim/environment_board.h"
 #include "support/sdk_log.h"
 #include "tests/sim/board_fixture.h"
 
@@ -31,6 +32,13 @@ std::string frame(std::uint8_t command, const std::string& data) {
   build_link_frame(command, reinterpret_cast<const std::uint8_t*>(data.data()), data.size(),
                    reinterpret_cast<std::uint8_t*>(out.data()), out.size());
   return out;
+}
+
+// A whole answer of the environment board with every input closed.
+std::string closed_answer() {
+  sim::EnvironmentBoard board;
+  for (int n = 1; n <= sim::EnvironmentBoard::kContacts; ++n) board.set_contact(n, true);
+  return board.answer();
 }
 
 std::string record(int k) {
@@ -284,7 +292,7 @@ TEST_F(Serial, LinkFramesReachTheirDestinationsThroughSplitsGarbageAndFullBuffer
   const std::string board2_only = flags();
   feed(board1_, frame(0x41, ""));
   EXPECT_EQ(board2_only + flags(), "01001100");
-  const std::string answer = "~21014100E0BE" + std::string(187, '0');  // every input closed
+  const std::string answer = closed_answer();
   feed(board2_, frame(0x54, answer.substr(0, 10)) + frame(0x54, answer.substr(10)));
   EXPECT_EQ(std::pair(STR_BSP_ENV_INFO.ucDi[15].load(), flags()), std::pair(std::uint8_t{1}, std::string("1111")));
   for (int k : {0, 11, 12, 13, 14, 15}) EXPECT_EQ(record(k), "") << k;
@@ -293,7 +301,7 @@ TEST_F(Serial, LinkFramesReachTheirDestinationsThroughSplitsGarbageAndFullBuffer
 TEST_F(Serial, AHostileChannelCannotForgeFramesForOtherPortsOrReadings) {
   // A device on "Local/Uart/5" writes link frames for channel 2, the environment board and board
   // presence; board 1 carries them as channel 0's data, cut anywhere by the reader's passes.
-  const std::string data = frame(0x52, "HIJAK") + frame(0x54, "~21014100E0BE" + std::string(187, '0')) + frame(0x41, "");
+  const std::string data = frame(0x52, "HIJAK") + frame(0x54, closed_answer()) + frame(0x41, "");
   const std::string wire = frame(0x50, data);
   for (const std::size_t cut : {std::size_t{4}, std::size_t{12}, wire.size() - 1}) {
     feed(board1_, wire.substr(0, cut));

@@ -1,10 +1,13 @@
 #include <gtest/gtest.h>
+#include <sys/shm.h>
 
 #include <csignal>
 #include <string>
 #include <vector>
 
+#include "platform/shared_memory.h"
 #include "sim/sandbox.h"
+#include "sim/web_pages.h"
 #include "tests/common/console_driver.h"
 #include "tests/sim/board_fixture.h"
 
@@ -64,7 +67,12 @@ TEST(Fsusim, RunPassesStatusStreamsAndEnvironmentKeepsAGivenRootRefusesBadUseAnd
   EXPECT_NE(up.output().find("fsusim: Local/Uart/2 terminal: /dev/pts/"), std::string::npos) << up.output();
   EXPECT_NE(box.read("/tmp/unit/sim/state").find("uart 3 device=/dev/ttymxc3 for=Local/Uart/3 mode=silent"), std::string::npos);
   EXPECT_EQ(box.read("/tmp/unit/sys/class/gpio/gpio8/value"), "0\n");
+  const key_t counters = platform::shared_memory_key_in(unit.c_str(), kCounterSegmentKey);
+  ASSERT_GE(shmget(counters, 16, IPC_CREAT | 0600), 0);  // not the console's: no counters to show, but it goes too
+  EXPECT_EQ(capture(kFsusim + " web --root " + unit + " counters 2>&1; echo $?"),
+            "fsusim: no usable counter segment in " + unit + ": the one there has 16 bytes, mode 0600, the console's has 1728 bytes, mode 0600\n1\n");
   EXPECT_EQ(exit_code(kFsusim + " run --root " + unit + " -- true 2>/dev/null"), 1);  // one board per root
+  EXPECT_GE(shmget(counters, 0, 0), 0);  // and the refused run leaves the board's segment alone
 
   const std::string terminal = capture(kFsusim + " ctl --root " + unit + " 'uart 2 loopback' 'uart 3 terminal'");
   ASSERT_EQ(terminal.rfind("Local/Uart/3 terminal: /dev/pts/", 0), 0u) << terminal;
@@ -77,6 +85,7 @@ TEST(Fsusim, RunPassesStatusStreamsAndEnvironmentKeepsAGivenRootRefusesBadUseAnd
   ASSERT_EQ(kill(std::stoi(box.read("/tmp/unit/sim/board.pid")), SIGTERM), 0);
   EXPECT_EQ(up.wait_exit(5), 0);
   EXPECT_EQ(box.read("/tmp/unit/sim/state"), "board down\n");  // what a stopped board leaves: the board tests
+  EXPECT_LT(shmget(counters, 0, 0), 0);  // the console's counter segment goes with the board
   test::ConsoleDriver killed({kFsusim, "up", "--root", unit}, test::ConsoleDriver::Mode::kPipes);  // and when killed
   ASSERT_TRUE(killed.wait_for("(CTRL+C stops the board)", 5)) << killed.output();
   ASSERT_EQ(kill(std::stoi(box.read("/tmp/unit/sim/board.pid")), SIGKILL), 0);

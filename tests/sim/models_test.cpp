@@ -85,6 +85,12 @@ TEST(EnvironmentBoard, AnswersWellFormedFramesGatheredFromPiecesAndIgnoresWhatIt
     if (c != '\0') board.hear({reinterpret_cast<const std::uint8_t*>(&c), 1}, answers);
   }
   EXPECT_EQ(answers.size(), 400u);
+  board.set_noisy(true);  // every answer keeps its shape on the line but fails its checks
+  for (int k = 0; k < 50; ++k) {
+    const std::string noisy = heard(board, kPoll);
+    EXPECT_TRUE(noisy.find('\r') == 199u && serial::env_answer_fault(reinterpret_cast<const std::uint8_t*>(noisy.data()), noisy.size()) != nullptr) << k;
+  }
+  board.set_noisy(false);
   ASSERT_TRUE(heard(board, relay_command(0x00)).size() == 200u && !board.relay(1));
 
   std::string bad_sum = kPoll;
