@@ -24,7 +24,7 @@ for state in healthy silent streaming unplugged; do
     streaming) ctl=(--ctl 'modem stream on') ;;
     unplugged) ctl=(--ctl 'modem unplug') ;;
   esac
-  line="$("$build/fsusim" run "${ctl[@]}" -- "$build/bench/sdk_idle_cpu" "$seconds" | grep '^idle SDK')"
+  line="$("$build/fsusim" run "${ctl[@]}" -- "$build/bench/sdk_idle_cpu" "$seconds" 2>/dev/null | grep '^idle SDK')"
   per_minute="$(sed -E 's/.*\(([0-9.]+) s a minute.*/\1/' <<<"$line")"
   verdict="$(awk -v m="$per_minute" 'BEGIN { print (m <= 0.3 ? "ok" : "OVER 0.3") }')"
   [ "$verdict" = ok ] || status=1
