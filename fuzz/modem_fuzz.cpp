@@ -1,14 +1,18 @@
 // The modem's text on arbitrary bytes, three ways picked by the low two bits of byte 0:
 //   0     the AT line layer: the stream in pieces (fuzz/pieces.h) appended to the line buffer,
 //         every complete line taken out after each piece as readline does;
-//   1     every query's reply parser (the tokenizer with them) on exact-size copies of a reply text, and
-//         the dial texts built from what they stored (still JSON: quotes escaped);
+//   1     every query's reply parser (the tokenizer with them) on exact-size copies of a reply text:
+//         what they store as IMSI and IMEI is digits, and the dial texts built from it and from
+//         the raw bytes parse as JSON (nlohmann-json, strict about UTF-8);
 //   2, 3  the key=value reader on file text, with the keys of /tmp/Globalp.ini and the text's
-//         first line as keys, and the file written back from the values (still three lines).
+//         first line as keys: only identities are taken back, and the file written back from the
+//         values is still three lines.
 #include <cstddef>
 #include <cstdint>
+#include <algorithm>
 #include <cstring>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "fuzz/pieces.h"
@@ -52,14 +56,11 @@ std::unique_ptr<char[]> copy(const uint8_t* data, std::size_t size) {
   return text;
 }
 
-// Unescaped quotes in a JSON text: exactly the ones of its keys and values.
-int bare_quotes(const char* json) {
-  int quotes = 0;
-  for (const char* p = json; *p != '\0'; ++p) {
-    if (*p == '"') ++quotes;
-    else if (*p == '\\' && *++p == '\0') __builtin_trap();
+bool digits_only(const char* text) {
+  for (; *text != '\0'; ++text) {
+    if (*text < '0' || *text > '9') return false;
   }
-  return quotes;
+  return true;
 }
 
 void replies(const uint8_t* data, std::size_t size) {
@@ -75,11 +76,25 @@ void replies(const uint8_t* data, std::size_t size) {
   if (parse_imei(copy(data, size).get(), imei) >= 0) ntu_set_text(NtuText::imei, imei);
   if (strnlen(cimi, kNtuTextSize) == kNtuTextSize || strnlen(imei, kNtuTextSize) == kNtuTextSize) __builtin_trap();
 
+  // Whatever the modem sent, a stored identity is digits, and of an identity's length.
   NtuTexts texts = ntu_texts();
-  std::memcpy(texts.lteip, texts.cimi, kNtuTextSize);
+  if (!digits_only(texts.cimi) || !digits_only(texts.imei) || std::strlen(texts.cimi) > 15 ||
+      (texts.imei[0] != '\0' && std::strlen(texts.imei) != 15)) {
+    __builtin_trap();
+  }
+  // The texts are JSON for any bytes in any field: the raw reply stands in for the others.
+  char raw[kNtuTextSize] = {};
+  std::memcpy(raw, data, std::min(size, kNtuTextSize - 1));
+  std::memcpy(texts.lteip, raw, kNtuTextSize);
+  std::memcpy(texts.model, texts.lteip, kNtuTextSize);
+  std::memcpy(texts.csq, texts.lteip, kNtuTextSize);
   char json[1024];
-  if (fsu::sdk::build_static_info(texts, json, sizeof json) != 0 || bare_quotes(json) != 28) __builtin_trap();
-  if (fsu::sdk::build_dynamic_info(1, texts, 1, 1, 1, json, sizeof json) != 0 || bare_quotes(json) != 28) __builtin_trap();
+  if (fsu::sdk::build_static_info(texts, json, sizeof json) != 0 || !nlohmann::json::accept(json)) __builtin_trap();
+  std::memcpy(texts.cimi, texts.lteip, kNtuTextSize);
+  if (fsu::sdk::build_static_info(texts, json, sizeof json) != 0 || !nlohmann::json::accept(json)) __builtin_trap();
+  if (fsu::sdk::build_dynamic_info(1, texts, 1, 1, 1, json, sizeof json) != 0 || !nlohmann::json::accept(json)) {
+    __builtin_trap();
+  }
 }
 
 void check_value(const char (&value)[100]) {
@@ -96,6 +111,10 @@ void parameters(const uint8_t* data, std::size_t size) {
   for (const std::string& key : {std::string("cimi"), std::string("imei"), std::string("csq"), first_line}) {
     ReadPar_text(file, size, key.c_str(), values[i]);
     check_value(values[i++]);
+  }
+  // What a restart takes back from the file is an identity or nothing.
+  if ((is_imsi(values[0]) && !digits_only(values[0])) || (is_imei(values[1]) && std::strlen(values[1]) != 15)) {
+    __builtin_trap();
   }
   char written[3 * 20 + 32];
   for (auto& value : values) value[19] = '\0';  // the record's fields hold 19 characters

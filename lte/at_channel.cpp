@@ -34,6 +34,12 @@ char* const kAreaEnd = s_ATBuffer + kAtLineArea;
 // How long a write waits for room on the port before it counts as failed.
 constexpr int kWriteWaitMs = 1000;
 
+// Input flags the port must not keep from the driver's defaults. XON/XOFF above all: with IXON
+// on, one 0x13 byte among noise from the modem stops the port's output until a 0x11 comes, so
+// every later command would fail. Clearing IXON also restarts output that such a byte stopped.
+// The others change the modem's bytes on their way in.
+constexpr tcflag_t kTranslatingInputFlags = IXON | IXOFF | IXANY | ICRNL | INLCR | IGNCR | ISTRIP | PARMRK;
+
 void skip_line_ends() {
   for (std::size_t i = 0; i <= kAtLineArea && (*s_ATBufferCur == '\r' || *s_ATBufferCur == '\n'); ++i) {
     ++s_ATBufferCur;
@@ -141,10 +147,14 @@ int at_port_open(const char* device_path) {
   termios tio{};
   if (tcgetattr(fd, &tio) == 0) {
     tio.c_lflag = 0;
+    tio.c_iflag &= ~kTranslatingInputFlags;
     tio.c_cc[VMIN] = 0;
     tio.c_cc[VTIME] = 0;
     tcsetattr(fd, TCSANOW, &tio);
   }
+  // What came in while the port was closed (a late reply, an unsolicited line) belongs to no
+  // exchange of ours.
+  tcflush(fd, TCIFLUSH);
   ltefd = fd;
   return 0;
 }
@@ -213,25 +223,37 @@ char* at_buffer_take_line() {
 
 char* readline(int tick_limit) {
   char* line = at_buffer_take_line();
-  for (int ticks = 0; line == nullptr;) {
+  // One wait of (tick_limit + 1) ticks of 100 ms, spent in poll on the port: the thread wakes
+  // when the modem sends, or when the wait is over, never in between.
+  const double start = platform::monotonic_seconds();
+  const long limit_ms = 100L * (tick_limit + 1);
+  bool port_failed = false;
+  while (line == nullptr) {
     if (s_ATBufferEnd >= kAreaEnd) {
       SDK_LOG_WRITE(SDK_LOG_NET, "tERROR: Input line exceeded buffer");
       at_buffer_clear();
     }
-    if (ticks > tick_limit) {
+    const long elapsed_ms = static_cast<long>(1000 * (platform::monotonic_seconds() - start));
+    const int ticks = static_cast<int>(elapsed_ms / 100);
+    if (elapsed_ms >= limit_ms) {
       SDK_LOG_WRITE(SDK_LOG_NET, "ticksleep end,%d,%d", ticks, tick_limit);
       return nullptr;
     }
     SDK_LOG_WRITE(SDK_LOG_NET, "read#######,%d,%d", ticks, tick_limit);
-    ticksleep(100);
-    ++ticks;
-    SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED fun=%s,Line=%d;", "readline", __LINE__);
     ssize_t n = 0;
-    if (ltefd >= 0) {
-      const auto room = static_cast<int>(kAreaEnd - s_ATBufferEnd);
-      SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED fun=%s,Line=%d;ltefd=%d,l=%d", "readline", __LINE__, ltefd, room);
-      n = read(ltefd, s_ATBufferEnd, static_cast<std::size_t>(room));
-      SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED fun=%s,Line=%d;", "readline", __LINE__);
+    if (ltefd >= 0 && !port_failed) {
+      pollfd port{ltefd, POLLIN, 0};
+      const int ready = poll(&port, 1, static_cast<int>(limit_ms - elapsed_ms));
+      if (ready > 0) {
+        const auto room = static_cast<int>(kAreaEnd - s_ATBufferEnd);
+        SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED fun=%s,Line=%d;ltefd=%d,l=%d", "readline", __LINE__, ltefd, room);
+        n = read(ltefd, s_ATBufferEnd, static_cast<std::size_t>(room));
+        // A port that reports readiness but gives nothing has hung up (a modem pulled from
+        // USB): it is read as a silent one for the rest of the wait.
+        port_failed = n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR);
+      }
+    } else {
+      platform::sleep_ms(limit_ms - elapsed_ms);
     }
     SDK_LOG_WRITE(SDK_LOG_NET, "read!!!!!!,%d,%d", ticks, tick_limit);
     if (n <= 0) continue;

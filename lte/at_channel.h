@@ -21,14 +21,15 @@ extern long s_readCount;            // bytes read from the AT port since start
 extern char out_put[kOutPutSize];   // reply buffer of the queries
 
 // Opens the AT device (a device path, resolved under the root) non-blocking with no echo,
-// no canonical input and VMIN = VTIME = 0, closing an earlier port first. 0, or -1.
+// no canonical input, no XON/XOFF or input translation and VMIN = VTIME = 0, and drops the
+// input queued on it; an earlier port is closed first. 0, or -1.
 int at_port_open(const char* device_path);
 void at_port_close();
 
 // Writes the command and a CR. 0, or -1 when no port is open or the write fails.
 int writeline(const char* command);
-// The next line inside s_ATBuffer (terminated, without its line end), waiting up to
-// tick_limit + 1 ticks of 100 ms; null on time-out.
+// The next line inside s_ATBuffer (terminated, without its line end), waiting on the port
+// up to tick_limit + 1 ticks of 100 ms; null on time-out.
 char* readline(int tick_limit);
 // The end of the first complete line at `cur` (the input prompt "> " counts as one), or null.
 char* findNextEOL(char* cur);

@@ -35,14 +35,40 @@ bool row_is(int row, std::initializer_list<int> rows) {
   return false;
 }
 
-// A saved identity replaces the field only when the field is short and the saved text is not
-// already what it holds.
-void take_saved(NtuText field, const char* saved) {
+// A modem was listed on USB, and a later listing lacked it.
+bool modem_left = false;
+
+using IdentityCheck = bool (*)(const char*);
+
+// A saved identity replaces the field only when it is one (a file anyone may write under /tmp
+// holds no identity until checked), the field is short and the saved text is not already what
+// it holds.
+void take_saved(NtuText field, const char* saved, IdentityCheck valid) {
   char current[kNtuTextSize];
   ntu_text(field, current);
-  if (std::strstr(saved, current) == nullptr && std::strlen(current) < 9 && std::strlen(saved) > 8) {
+  if (valid(saved) && std::strstr(saved, current) == nullptr && std::strlen(current) < 9 && std::strlen(saved) > 8) {
     ntu_set_text(field, saved);
   }
+}
+
+void load_saved(NtuText field, const char* key, IdentityCheck valid) {
+  const char* saved = ReadPar(kGlobalpFile, key);
+  ntu_set_text(field, valid(saved) ? saved : "");
+}
+
+// Another modem, or the same one back on USB, may carry another SIM: its identities are asked
+// again rather than kept.
+void follow_the_modem(int row_before, int found) {
+  if (found == 0) {
+    modem_left = modem_left || row_before != 0;
+    return;
+  }
+  if (modem_left || (row_before != 0 && NTU.mode_id.load() != row_before)) {
+    SDK_LOG_WRITE(SDK_LOG_NET, "LTE modem changed or back on USB: IMSI and IMEI asked again");
+    ntu_set_text(NtuText::cimi, "");
+    ntu_set_text(NtuText::imei, "");
+  }
+  modem_left = false;
 }
 
 void set_gpio12(int value) {
@@ -82,8 +108,9 @@ void globalp_text(const char* cimi, const char* imei, const char* csq, char* out
 void data_init() {
   ntu_clear();
   std::printf("################NTU.mode_id=%d\n", NTU.mode_id.load());
-  ntu_set_text(NtuText::cimi, ReadPar(kGlobalpFile, "cimi"));
-  ntu_set_text(NtuText::imei, ReadPar(kGlobalpFile, "imei"));
+  modem_left = false;
+  load_saved(NtuText::cimi, "cimi", is_imsi);
+  load_saved(NtuText::imei, "imei", is_imei);
   ntu_set_text(NtuText::csq, "-70");
   ntu_set_text(NtuText::nettype, "4");
 }
@@ -105,9 +132,10 @@ int readatdata() {
   atecount.store(0);
   readcsq(atdev);
   if (row != 18) read_sysinfo(atdev);
+  // An identity is asked for until the modem has given a well-formed one.
   char field[kNtuTextSize];
   ntu_text(NtuText::cimi, field);
-  if (std::strlen(field) < 5) {
+  if (!is_imsi(field)) {
     SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED sleepcount=%d,Line=%d;NTU.atdev=%s", 1, __LINE__, atdev);
     if (row == 17) {
       read_MINI(atdev);
@@ -116,7 +144,7 @@ int readatdata() {
     }
   }
   ntu_text(NtuText::imei, field);
-  if (std::strlen(field) < 5) {
+  if (!is_imei(field)) {
     SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED sleepcount=%d,Line=%d", __LINE__, static_cast<int>(std::strlen(field)));
     readIMEI(atdev);
   }
@@ -125,8 +153,8 @@ int readatdata() {
                 NTU.mode_id.load());
   char saved_cimi[100];
   std::snprintf(saved_cimi, sizeof saved_cimi, "%s", ReadPar(kGlobalpFile, "cimi"));
-  take_saved(NtuText::imei, ReadPar(kGlobalpFile, "imei"));
-  take_saved(NtuText::cimi, saved_cimi);
+  take_saved(NtuText::imei, ReadPar(kGlobalpFile, "imei"), is_imei);
+  take_saved(NtuText::cimi, saved_cimi, is_imsi);
   texts = ntu_texts();
   char file[3 * kNtuTextSize + 32];
   globalp_text(texts.cimi, texts.imei, texts.csq, file, sizeof file);
@@ -135,7 +163,10 @@ int readatdata() {
 
 void lte_pass(int pass) {
   SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED sleepcount=%d,Line=%d", pass, __LINE__);
-  if (pass % 2 == 0 && readusb() == 1) {
+  const int row_before = NTU.mode_id.load();
+  const int found = pass % 2 == 0 ? readusb() : -1;
+  if (found >= 0) follow_the_modem(row_before, found);
+  if (found == 1) {
     char address[kNtuTextSize];
     read_ethip("ppp0", address);
     ntu_set_text(NtuText::lteip, address);

@@ -1,7 +1,8 @@
 // The LTE supervisor: the one thread that owns the modem. Every second pass it finds the modem,
 // reads the PPP addresses and runs the query cycle; every pass it serves the requests other
 // threads post in NTU (dial, hang up, soft and hard restart). It keeps the IMSI and IMEI in
-// /tmp/Globalp.ini across restarts of the process.
+// /tmp/Globalp.ini across restarts of the process, and asks for them again when the modem
+// changes or comes back on USB.
 #pragma once
 
 #include <atomic>
@@ -17,7 +18,7 @@ extern std::atomic<int> atecount;
 // Starts lte_main once; the creation result, later calls return 0 at once.
 int FSU_Lte_THREAD_START();
 void* lte_main(void* arg);
-// Resets NTU and takes the saved IMSI and IMEI back.
+// Resets NTU and takes the saved IMSI and IMEI back, those that are well formed.
 void data_init();
 // One pass of the supervisor, without its 1 s sleep.
 void lte_pass(int pass);

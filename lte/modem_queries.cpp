@@ -38,6 +38,9 @@ int simple_exchange(const char* atdev, const char* command, int lines) {
   return write_wait_read(command, "OK", out_put, sizeof out_put, lines, 1) == kAtOk ? 1 : -1;
 }
 
+// Identities are runs of at least this many digits; shorter runs (a signal, a status) are not.
+constexpr std::size_t kIdentityRun = 6;
+
 // Ends `text` at the first `cut` within it.
 void cut_at(char* text, const char* cut) {
   if (char* at = std::strstr(text, cut)) *at = '\0';
@@ -183,16 +186,45 @@ int read_cops(const char* atdev) {
   return 1;
 }
 
+bool identity_digits(const char* text, std::size_t min_digits, std::size_t max_digits, char (&out)[kNtuTextSize]) {
+  std::memset(out, 0, sizeof out);
+  const char* found = nullptr;
+  std::size_t found_length = 0;
+  for (const char* p = text; *p != '\0';) {
+    const char* run = p;
+    while (*p >= '0' && *p <= '9') ++p;
+    const auto length = static_cast<std::size_t>(p - run);
+    if (length >= kIdentityRun) {
+      if (found != nullptr) return false;  // two candidates: which one is ours cannot be told
+      found = run;
+      found_length = length;
+    }
+    if (length == 0) ++p;
+  }
+  if (found == nullptr || found_length < min_digits || found_length > max_digits || found_length >= sizeof out) {
+    return false;
+  }
+  std::memcpy(out, found, found_length);
+  return true;
+}
+
+bool is_imsi(const char* text) {
+  char digits[kNtuTextSize];
+  return text != nullptr && identity_digits(text, 6, 15, digits) && std::strcmp(digits, text) == 0;
+}
+
+bool is_imei(const char* text) {
+  char digits[kNtuTextSize];
+  return text != nullptr && identity_digits(text, 15, 15, digits) && std::strcmp(digits, text) == 0;
+}
+
 int parse_cimi(char* reply, char (&cimi)[kNtuTextSize]) {
-  std::memset(cimi, 0, sizeof cimi);
   if (char* echo = std::strstr(reply, "AT+CIMI")) {
     const char* rest = echo + std::strlen("AT+CIMI");
     std::memmove(reply, rest, std::strlen(rest) + 1);
   }
   cut_at(reply, "OK");
-  if (std::strlen(reply) <= 10) return -1;
-  std::strncpy(cimi, reply, sizeof cimi - 1);  // the field keeps 19 characters
-  return 1;
+  return identity_digits(reply, 6, 15, cimi) ? 1 : -1;
 }
 
 int read_MINI1(const char* atdev) {
@@ -218,7 +250,10 @@ void read_MINI(const char* atdev) {
   std::printf("AT+CIMI=%s\n", out_put);
   if (result == kAtOk) {
     ntu_set_text(NtuText::cimi, "");
-    if (std::strstr(out_put, "CIMI") != nullptr && std::strlen(out_put) > 10) ntu_set_text(NtuText::cimi, out_put + 7);
+    char cimi[kNtuTextSize];
+    char reply[kOutPutSize];
+    std::memcpy(reply, out_put, sizeof reply);
+    if (parse_cimi(reply, cimi) == 1) ntu_set_text(NtuText::cimi, cimi);
   }
   // After a failed exchange out_put still holds the previous reply, and that decides.
   NTU.CardStat.store(std::strstr(out_put, "4600") != nullptr ? 1 : 0);
@@ -242,6 +277,21 @@ std::int64_t hex2dec(const char* text) {
   return static_cast<std::int64_t>(value);
 }
 
+namespace {
+
+// The IMEI written in hexadecimal after "0X" (up to the end of the text), in 15 decimal digits.
+bool hexadecimal_imei(const char* hex, char (&imei)[kNtuTextSize]) {
+  std::memset(imei, 0, sizeof imei);
+  const std::size_t n = std::strlen(hex);
+  // 999999999999999, the largest IMEI, has 13 hexadecimal digits.
+  if (n == 0 || n > 13 || std::strspn(hex, "0123456789ABCDEFabcdef") != n) return false;
+  char decimal[24];
+  std::snprintf(decimal, sizeof decimal, "%015lld", static_cast<long long>(hex2dec(hex)));
+  return identity_digits(decimal, 15, 15, imei);
+}
+
+}  // namespace
+
 int parse_imei(char* reply, char (&imei)[kNtuTextSize]) {
   struct Shape {
     const char* prefix;
@@ -253,10 +303,10 @@ int parse_imei(char* reply, char (&imei)[kNtuTextSize]) {
       std::strstr(reply, "+CGSN") == nullptr && std::strstr(reply, "OK") == nullptr) {
     return -1;
   }
+  // The candidate's one run of 15 digits, or its hexadecimal number; anything else clears imei.
   const auto store = [&imei](const char* candidate, bool print) {
-    std::memset(imei, 0, sizeof imei);
-    if (std::strlen(candidate) != 15) return 0;
-    std::memcpy(imei, candidate, 16);
+    const char* hex = std::strstr(candidate, "0X");
+    if (!(hex != nullptr ? hexadecimal_imei(hex + 2, imei) : identity_digits(candidate, 15, 15, imei))) return 0;
     if (print) std::printf("NTU.imei=%s\n", imei);
     return 1;
   };
@@ -269,13 +319,9 @@ int parse_imei(char* reply, char (&imei)[kNtuTextSize]) {
     if (i == 1) std::printf("###############%s\n", at);
     return store(candidate, true);
   }
-  if (char* echo = std::strstr(reply, "AT+CGSN")) {
+  if (std::strstr(reply, "AT+CGSN") != nullptr) {
     char* after_echo = reply + 7;
     cut_at(after_echo, "OK");
-    if (char* hex = std::strstr(echo, "0X")) {
-      std::snprintf(imei, sizeof imei, "%015lld", static_cast<long long>(hex2dec(hex + 2)));
-      return 1;
-    }
     return store(after_echo, false);
   }
   if (std::strstr(reply, "OK") != nullptr || std::strstr(reply, "ok") != nullptr) {

@@ -3,6 +3,7 @@
 // The reply parsers are functions of their own, for tests and fuzz targets.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "lte/ntu.h"
@@ -34,10 +35,21 @@ const char* cops_nettype(int access_technology);
 int creg_status(const char* reply);
 // The number after the third comma of a "+COPS" reply, or -1 with fewer commas.
 int cops_act(const char* reply);
-// The IMSI of an appended "AT+CIMI" reply: 1 with `cimi` set, -1 (`cimi` empty).
+// Identities. Every line of the modem ends up in the text the queries parse: the echo,
+// unsolicited lines ("RDY", "+CPIN: READY", "^SYSINFO: ..."), a late reply to an earlier
+// command. An identity is therefore taken only from the text's one run of six or more decimal
+// digits, and only when that run has min_digits to max_digits digits; `out` gets it, or is
+// cleared (no such run, two of them, or a run of the wrong length).
+bool identity_digits(const char* text, std::size_t min_digits, std::size_t max_digits, char (&out)[kNtuTextSize]);
+// Whether the whole text is an IMSI (6 to 15 decimal digits) or an IMEI (15 decimal digits).
+bool is_imsi(const char* text);
+bool is_imei(const char* text);
+// The IMSI of an appended "AT+CIMI" reply (or of a "+CIMI: " line): 1 with `cimi` set, -1
+// with `cimi` empty.
 int parse_cimi(char* reply, char (&cimi)[kNtuTextSize]);
-// The IMEI of an appended "AT+CGSN" reply: 1 with `imei` set, 0 with `imei` cleared (a
-// candidate of another length than 15), -1 when the reply fits no shape (`imei` untouched).
+// The IMEI of an appended "AT+CGSN" reply: 1 with `imei` set to 15 digits (a hexadecimal
+// answer "0X..." decoded), 0 with `imei` cleared (a candidate that is no IMEI), -1 when the
+// reply fits no shape (`imei` untouched).
 int parse_imei(char* reply, char (&imei)[kNtuTextSize]);
 std::int64_t hex2dec(const char* text);
 int c2i(char c);

@@ -3,8 +3,9 @@
 # seconds):
 #  1. traffic both ways through Local/Uart/5, a channel of extension board 1, the channel and the
 #     link both at 115200 baud, the far end played through a person's terminal;
-#  2. the CPU time and peak memory of an idle SDK (InitializeSDK, then nothing), also with the
-#     modem's data link up, with the commands the SDK ran and their CPU;
+#  2. the CPU time and peak memory of an idle SDK (InitializeSDK, then nothing) for each state
+#     of the modem (scripts/bench_modem.sh), also with the modem's data link up, with the
+#     commands the SDK ran and their CPU;
 #  3. `benchkit web`: its CPU seconds (threads included), those of the shell commands it ran and
 #     the simulator's over the minute after start-up, and its peak memory, from /proc.
 # Release build in build-bench/, or the already configured build folder named by FSU_BENCH_BUILD.
@@ -20,7 +21,8 @@ fi
 cmake --build "$build" -j2 --target fsusim benchkit uart_line_rate sdk_idle_cpu >/dev/null
 
 "$build/fsusim" run --terminal 5 -- "$build/bench/uart_line_rate" "$seconds" 5 | grep -A5 '^Local/Uart/5 at'
-"$build/fsusim" run -- "$build/bench/sdk_idle_cpu" "$seconds" | grep '^idle SDK'
+# The idle SDK with the modem healthy, silent, streaming and unplugged.
+FSU_BENCH_BUILD="$build" bash scripts/bench_modem.sh "$seconds" || true
 # The same with the simulated modem registered and its data link up.
 "$build/fsusim" run -- "$build/bench/sdk_idle_cpu" "$seconds" dial | grep -E '^(link|idle SDK|commands)'
 

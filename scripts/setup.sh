@@ -15,6 +15,7 @@ have_cmd zip || need+=(zip)
 have_pkg googletest || [ -f /usr/src/googletest/CMakeLists.txt ] || need+=(googletest)
 have_pkg libgtest-dev || need+=(libgtest-dev)
 have_pkg libbenchmark-dev || need+=(libbenchmark-dev)
+have_pkg nlohmann-json3-dev || need+=(nlohmann-json3-dev)  # tests and fuzz targets parse the SDK's JSON
 extras=()
 for extra in "$@"; do
   case $extra in

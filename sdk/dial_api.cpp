@@ -29,19 +29,55 @@ constexpr int kPositionOff = 99999;
 // A text field of NTU escaped for JSON: at most six bytes for each of its 19 characters.
 constexpr std::size_t kEscapedSize = 6 * lte::kNtuTextSize;
 
+// The length of the well-formed UTF-8 sequence at `p` (1 to 4 bytes), or 0: no overlong form,
+// no surrogate, nothing above U+10FFFF. The terminator fails every continuation test, so the
+// look-ahead stays inside the text.
+std::size_t utf8_length(const unsigned char* p) {
+  if (p[0] < 0x80) return 1;
+  std::size_t n = 0;
+  unsigned char low = 0x80, high = 0xBF;  // the range of the second byte
+  if (p[0] >= 0xC2 && p[0] <= 0xDF) {
+    n = 2;
+  } else if (p[0] >= 0xE0 && p[0] <= 0xEF) {
+    n = 3;
+    if (p[0] == 0xE0) low = 0xA0;
+    if (p[0] == 0xED) high = 0x9F;
+  } else if (p[0] >= 0xF0 && p[0] <= 0xF4) {
+    n = 4;
+    if (p[0] == 0xF0) low = 0x90;
+    if (p[0] == 0xF4) high = 0x8F;
+  } else {
+    return 0;
+  }
+  if (p[1] < low || p[1] > high) return 0;
+  for (std::size_t i = 2; i < n; ++i) {
+    if ((p[i] & 0xC0) != 0x80) return 0;
+  }
+  return n;
+}
+
+// A value as a JSON string's content: '"' and '\' escaped, control characters as \u00XX,
+// well-formed UTF-8 kept, and every other byte (the modem's bytes are no text) as U+FFFD, so
+// that the texts are valid UTF-8 JSON whatever the devices sent.
 struct Escaped {
   char text[kEscapedSize];
   explicit Escaped(const char* value) {
     std::size_t n = 0;
-    for (const unsigned char* p = reinterpret_cast<const unsigned char*>(value); *p != '\0'; ++p) {
+    for (const unsigned char* p = reinterpret_cast<const unsigned char*>(value); *p != '\0' && n + 7 <= kEscapedSize;) {
+      const std::size_t length = utf8_length(p);
       if (*p == '"' || *p == '\\') {
         text[n++] = '\\';
         text[n++] = static_cast<char>(*p);
-      } else if (*p < 0x20) {
-        n += static_cast<std::size_t>(std::snprintf(text + n, kEscapedSize - n, "\\u%04x", *p));
+      } else if (*p < 0x20 || length == 0) {
+        n += static_cast<std::size_t>(
+            std::snprintf(text + n, kEscapedSize - n, "\\u%04x", *p < 0x20 ? static_cast<unsigned>(*p) : 0xFFFDu));
       } else {
-        text[n++] = static_cast<char>(*p);
+        std::memcpy(text + n, p, length);
+        n += length;
+        p += length;
+        continue;
       }
+      ++p;
     }
     text[n] = '\0';
   }

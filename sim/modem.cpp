@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include "sim/control.h"
@@ -39,6 +40,12 @@ constexpr char kHubs[] =
 // A command line longer than this is dropped, as a modem's input buffer would.
 constexpr std::size_t kMaxCommand = 512;
 constexpr std::size_t kFloodBytes = 8192 + 256;
+// A streaming port: a never-ending line of binary noise (XOFF among it, no line end) at about
+// the 11.5 kB/s of 115200 baud, in runs every 10 ms; while nobody reads, at most a few runs wait.
+constexpr double kStreamPeriod = 0.01;
+constexpr std::size_t kStreamRun = 115;
+constexpr std::size_t kStreamBacklog = 4 * kStreamRun;
+constexpr std::string_view kNoise{"\x13\xff\x7e\x00\x1b[2J\x80\xfe\xc3\x28\x9f\x13" "AT^\x01\x7f\xf0\x9f\x98", 22};
 
 bool number_in(std::string_view word, int lo, int hi, int* out) {
   const auto [end, ec] = std::from_chars(word.data(), word.data() + word.size(), *out);
@@ -94,6 +101,13 @@ void Modem::open_port() {
   if (!pty_.open(&error)) {
     report_("modem: " + error);
     return;
+  }
+  // A USB serial port comes up with the tty's default input flags, XON/XOFF among them;
+  // whoever opens it decides whether to keep them.
+  termios tio{};
+  if (tcgetattr(pty_.master(), &tio) == 0) {
+    tio.c_iflag = ICRNL | IXON;
+    tcsetattr(pty_.master(), TCSANOW, &tio);
   }
   at_link_ = root_ + kModels[row_ - 1].at_device;
   const std::string tmp = at_link_ + ".new";
@@ -182,6 +196,17 @@ std::string Modem::command(std::span<const std::string_view> args, double now) {
     bool silent = false;
     error = one(switch_word(value, "on", "off", &silent), "silent on|off");
     if (error.empty()) silent_ = silent;
+  } else if (what == "stream") {
+    error = one(switch_word(value, "on", "off", &stream_), "stream on|off");
+    next_stream_ = now;
+  } else if (what == "unsolicited") {
+    error = args.size() > 1 ? "" : "needs the line to send";
+    if (error.empty() && port_up_) {
+      std::string text;
+      for (std::size_t i = 1; i < args.size(); ++i) text += (i > 1 ? " " : "") + std::string(args[i]);
+      reply("\r\n" + text + "\r\n");
+      service(now);  // on the port before the control line counts as applied
+    }
   } else if (what == "cut" || what == "flood" || what == "garbage") {
     error = args.size() == 1 ? "" : "takes no value";
     if (error.empty()) next_fault_ = std::string(what);
@@ -224,6 +249,15 @@ void Modem::tick(double now) {
     ready_at_ = now + boot_delay_;
   }
   refresh(now);
+  if (stream_ && now >= next_stream_) {
+    next_stream_ = now + kStreamPeriod;
+    if (port_up_ && out_.size() < kStreamBacklog) {
+      std::string run;
+      while (run.size() < kStreamRun) run += kNoise;
+      run.resize(kStreamRun);
+      reply(run);
+    }
+  }
   if (now >= dial_at_) {
     // The dial script's one attempt: the link comes up only on a registered modem.
     dial_at_ = std::numeric_limits<double>::infinity();
@@ -233,7 +267,8 @@ void Modem::tick(double now) {
 
 double Modem::due() const {
   const bool booting = plugged_ && powered_ && !port_up_;
-  return booting ? std::min(dial_at_, ready_at_) : dial_at_;
+  const double next = stream_ ? std::min(dial_at_, next_stream_) : dial_at_;
+  return booting ? std::min(next, ready_at_) : next;
 }
 
 void Modem::add_poll_fds(std::vector<pollfd>& fds) const {
@@ -323,7 +358,7 @@ void Modem::answer(std::string_view typed, double now) {
   } else if (next_fault_ == "flood") {
     lines.insert(0, std::string(kFloodBytes, 'X'));
   } else if (next_fault_ == "garbage") {
-    static constexpr char kGarbage[] = "\x00\xff\x7e\x00\x01\x1b[2J\x80\xfe\x00\r\xc3\x28\x00\x9f\x00";
+    static constexpr char kGarbage[] = "\x00\xff\x7e\x00\x01\x1b[2J\x80\x13\xfe\x00\r\xc3\x28\x00\x9f\x00";
     lines.insert(0, std::string(kGarbage, sizeof kGarbage - 1));
   }
   next_fault_.clear();
@@ -338,7 +373,7 @@ void Modem::describe(std::string& out) const {
          " registered=" + (registered_ ? "yes" : "no") + " signal=" + std::to_string(rssi_) +
          " net=" + std::to_string(generation_) + "G imsi=" + imsi_ + " imei=" + imei_ +
          " imei_reply=" + imei_reply_ + " echo=" + (echo_ ? "on" : "off") +
-         " silent=" + (silent_ ? "on" : "off") + " next_fault=" + (next_fault_.empty() ? "none" : next_fault_) +
+         " silent=" + (silent_ ? "on" : "off") + " stream=" + (stream_ ? "on" : "off") + " next_fault=" + (next_fault_.empty() ? "none" : next_fault_) +
          " commands=" + std::to_string(commands_) + " restarts=" + std::to_string(restarts_) +
          " power_cycles=" + std::to_string(power_cycles_) + "\n";
   out += std::string("link ppp0 state=") + (link_up_ ? "up address=" + address_ : "down") +

@@ -2,8 +2,9 @@
 // an AT port (a pseudo-terminal linked at that model's AT device under the root) that answers
 // the AT commands the SDK sends as a real modem does, a SIM, a network registration, and a data
 // link that the dial script's stand-in brings up. Its power follows GPIO 12. Faults on command:
-// pulled from USB, AT port silent, replies cut, an 8 KiB reply without line end, garbage bytes,
-// the link dropped. Everything runs on the board's service thread.
+// pulled from USB, AT port silent or streaming noise, replies cut, an 8 KiB reply without line
+// end, garbage bytes, unsolicited lines, the link dropped. Everything runs on the board's
+// service thread.
 #pragma once
 
 #include <cstdint>
@@ -73,6 +74,8 @@ class Modem {
   std::string imei_reply_ = "bare";
   std::string address_ = "10.64.12.34";
   bool silent_ = false;
+  bool stream_ = false;
+  double next_stream_ = 0;  // when the streaming port sends its next run
   std::string next_fault_;  // cut, flood or garbage: applied to the next reply
   bool link_up_ = false;
   double dial_at_ = std::numeric_limits<double>::infinity();

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <sys/ioctl.h>
+#include <termios.h>
 
 #include "lte/at_channel.h"
 #include "lte/ntu.h"
@@ -64,6 +66,31 @@ TEST_F(AtPort, LinesErrorsTimeOutsOverlongLinesAndAClosedPort) {
   at_port_close();
   EXPECT_EQ(writeline("AT"), -1);
   EXPECT_EQ(write_wait_read1("AT", "OK", out_put, sizeof out_put, 2, 1), kAtWriteFailed);
+}
+
+TEST_F(AtPort, NoiseWithXoffAndALateReplyQueuedWhileClosedReachNoLaterExchange) {
+  at_port_close();
+  // The port as the USB serial driver leaves it: XON/XOFF and CR translation on. The modem's
+  // bytes (hostile as any device's) stop the port's output with one 0x13 unless it is opened
+  // without them; the late reply must not become the answer to the next command.
+  termios tio = modem.settings();
+  tio.c_iflag |= IXON | ICRNL;
+  tcsetattr(modem.pty.master(), TCSANOW, &tio);
+  const std::string queued = std::string("\x13\xff\x00\x13noise", 10) + "\r\n866123456789012\r\n\r\nOK\r\n";
+  modem.send(queued);
+  ASSERT_TRUE(sim::poll_until(2, [&] {
+    int waiting = 0;
+    return ioctl(modem.pty.slave(), FIONREAD, &waiting) == 0 && waiting == static_cast<int>(queued.size()) - 2;
+  }));
+  ASSERT_EQ(at_port_open("/dev/ttyUSB3"), 0);
+  modem.send("\r\n460001234567890\r\nOK\r\n");
+  out_put[0] = '\0';
+  EXPECT_EQ(write_wait_read1("AT+CIMI", "OK", out_put, sizeof out_put, 2, 1), kAtOk);
+  EXPECT_EQ(modem.receive(8, 1), "AT+CIMI\r");
+  EXPECT_STREQ(out_put, "460001234567890OK");
+  modem.send(std::string("\x13", 1));  // while the port is open, too
+  EXPECT_EQ(writeline("AT"), 0);
+  EXPECT_EQ(modem.receive(3, 1), "AT\r");
 }
 
 }  // namespace

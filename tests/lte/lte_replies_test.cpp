@@ -1,6 +1,8 @@
 // The modem's replies as the queries parse them, the known-modem table, and the dial texts.
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <tuple>
 
@@ -57,7 +59,10 @@ TEST(Replies, EveryImeiShapeInItsOrderAndTheImsi) {
                {"AT+CGSN866123456789012OK", "866123456789012", 1},  {"AT+CGSN+CGSN: \"866123456789012\"OK", "866123456789012", 1},
                {"+CGSN:\"866123456789012\"OK", "866123456789012", 1},  {"+CGSN: 866123456789012OK", "866123456789012", 1},
                {"+CGSN:866123456789012OK", "866123456789012", 1},  {"AT+CGSN0X10OK", "000000000000016", 1},
-               {"AT+CGSN8661234567890OK", "", 0},  {"+CGSN: 8661234567890123456789OK", "", 0},  {"NOTHING HERE", "untouched", -1}};
+               {"AT+CGSN8661234567890OK", "", 0},  {"+CGSN: 8661234567890123456789OK", "", 0},  {"NOTHING HERE", "untouched", -1},
+               // Hostile or confused modems: only 15 digits, or a hexadecimal number that decodes to them, are an IMEI.
+               {"0X313BC14F93A14OK", "866123456789012", 1},  {"AT+CGSN0X1G2OK", "", 0},  {"+CGSN: 86612345678901XOK", "", 0},
+               {"+CPIN: READYOK", "", 0},  {"RDY866123456789012OK", "866123456789012", 1}};
   for (const auto& c : cases) {
     std::string reply = c.reply;
     char imei[kNtuTextSize] = "untouched";
@@ -66,7 +71,12 @@ TEST(Replies, EveryImeiShapeInItsOrderAndTheImsi) {
   }
   EXPECT_EQ(hex2dec("1G"), -1);  // not a digit: every bit from its place up
   char cimi[kNtuTextSize];
-  for (const auto& [text, result, imsi] : {std::tuple{"AT+CIMI460001234567890OK", 1, "460001234567890"}, {"4600012345OK", -1, ""}}) {
+  // An IMSI is the one run of 6 to 15 digits: unsolicited lines around it do not count, a late
+  // reply to another command (or two identities run together) gives none.
+  for (const auto& [text, result, imsi] :
+       {std::tuple{"AT+CIMI460001234567890OK", 1, "460001234567890"}, {"46000OK", -1, ""}, {"+CSQ: 24,99OK", -1, ""},
+        {"^SYSINFO:2,3,0,17,1OK", -1, ""}, {"RDY+CPIN: READY460001234567890OK", 1, "460001234567890"},
+        {"460001234567890866123456789012OK", -1, ""}, {"+CIMI: 460001234567890", 1, "460001234567890"}}) {
     std::string reply = text;
     EXPECT_EQ(parse_cimi(reply.data(), cimi), result) << text;
     EXPECT_STREQ(cimi, imsi) << text;
@@ -111,6 +121,22 @@ TEST(DialTexts, CarrierTableAndBothTextsByteExact) {
   char buf[1024];
   EXPECT_EQ(sdk::build_static_info(t, buf, sizeof buf), 0);  // the whole text is seen in the modem's e2e test
   EXPECT_NE(std::string(buf).find("\"IMSI\":\"460031234\\\"5\\\\\"}"), std::string::npos) << buf;
+  // Whatever bytes the modem sent, both texts are JSON that a strict parser takes: well-formed
+  // UTF-8 stays, other bytes (a sequence cut by the carrier's five characters too) become U+FFFD.
+  for (int byte = 1; byte < 256; ++byte) {
+    const char b = static_cast<char>(byte), value[] = {'4', '6', b, '0', '\xe2', '\x82', b, '\xf0', b, '\0'};
+    NtuTexts any{};
+    for (char* field : {any.lteip, any.model, any.csq, any.cimi, any.imei, any.nettype}) std::memcpy(field, value, sizeof value);
+    EXPECT_EQ(sdk::build_static_info(any, buf, sizeof buf), 0);
+    EXPECT_TRUE(nlohmann::json::accept(buf)) << byte << ": " << buf;
+    EXPECT_EQ(sdk::build_dynamic_info(1, any, 2, -1e300, 1, buf, sizeof buf), 0);
+    EXPECT_TRUE(nlohmann::json::accept(buf)) << byte << ": " << buf;
+  }
+  const NtuTexts odd{"", "", "EC20\xe2\x82\xac", "", "", "46\xff", "", ""};
+  sdk::build_static_info(odd, buf, sizeof buf);
+  const nlohmann::json parsed = nlohmann::json::parse(buf);
+  EXPECT_EQ(parsed["Model"], "EC20\xe2\x82\xac");
+  EXPECT_EQ(parsed["IMSI"], "46\xef\xbf\xbd");
   for (int off : {0, 99999}) {
     EXPECT_EQ(sdk::build_dynamic_info(0, t, off, 1, 1, buf, 40), -1);  // cut, terminated, refused
     EXPECT_EQ(std::string(buf).size(), 39u);
