@@ -13,6 +13,7 @@
 #include "fsusdk.h"
 #include "platform/clock.h"
 #include "platform/command_runner.h"
+#include "platform/coverage.h"
 #include "support/sdk_log.h"
 
 namespace {
@@ -62,6 +63,7 @@ int main(int argc, char** argv) {
     std::printf("benchkit %s-%s\n", FSUSDK_EDITION, FSUSDK_VERSION);
     return 0;
   }
+  fsu::platform::flush_coverage_on_signals();  // web mode runs until killed
   for (const char* command : kResidentStops) fsu::platform::run_command(command);
   fsu::platform::sleep_s(2);
   InitializeSDK();
@@ -72,5 +74,6 @@ int main(int argc, char** argv) {
   fsu::console::menu_loop(stdin);
   // End of input: leave at once, without running static destructors under the SDK's threads.
   std::fflush(stdout);
+  fsu::platform::flush_coverage();
   _exit(0);
 }

@@ -1,5 +1,7 @@
 #include "platform/sandbox_root.h"
 
+#include "platform/coverage.h"
+
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
@@ -67,6 +69,7 @@ void refuse(const char* format, ...) {
   std::vfprintf(stderr, format, args);
   va_end(args);
   std::fputc('\n', stderr);
+  flush_coverage();
   _exit(EXIT_FAILURE);
 }
 

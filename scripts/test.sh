@@ -8,7 +8,7 @@
 #   asan      clang, ASan+UBSan halting on the first report, the suite  build-asan/
 #   tsan      clang, ThreadSanitizer, the suite                         build-tsan/
 #   fuzz      every fuzz target for 30 s on its seeds (scripts/fuzz.sh) build-fuzz/
-#   coverage  gcc --coverage, the suite, line coverage per folder       build-cov/
+#   coverage  gcc --coverage, the suite, line and branch coverage per folder build-cov/
 #   armhf     cross build for the board and its checks of folded        build-armhf/
 #             thread-local offsets; unit, module and the serial, board,
 #             web, modem and receiver e2e tests under qemu-arm, on a

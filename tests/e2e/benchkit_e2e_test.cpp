@@ -1,6 +1,7 @@
 // benchkit on the simulated board, driven like a person at the console.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -23,6 +24,12 @@ const std::string kMenu =
     "\t16.获取无线模组信息(PPP0 IP, CIMI IMEI 信号强度等)\n\t17.打开SDK日志\n\t18.关闭SDK日志\n"
     "\t21.GPS+北斗定位\n\t22.GPS 定位\n\t23.北斗 定位\n\t98.获取模块静态动态信息\n\t99.设置GPS类型\n" +
     kRule + "输入测试项: ";
+
+int count(const std::string& text, const std::string& part) {
+  int n = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+  return n;
+}
 
 std::vector<std::string> benchkit_on(const TestSandbox& box, const std::vector<std::string>& args, bool boards = true) {
   std::vector<std::string> argv = {fsusim_path(), "run", "--root", box.root(), "--without-boards", "--", benchkit_path()};
@@ -70,9 +77,9 @@ TEST(BenchkitOnSimulator, APersonAtTheTerminalSwitchesTheLogAndTheTwelveVoltLine
   // A unit without extension boards: the least resources. Two arguments give the menu.
   ConsoleDriver console(benchkit_on(box, {"web", "x"}, false), ConsoleDriver::Mode::kTerminal);
   ASSERT_TRUE(console.wait_for("输入测试项: ", 30)) << console.output();
-  const auto items = [&](const char* keys, int prompts) {
+  const auto items = [&](const char* keys, int prompts, double seconds = 10) {
     console.send(keys);
-    return console.wait_for_count("输入测试项: ", prompts, 10);
+    return console.wait_for_count("输入测试项: ", prompts, seconds);
   };
   ASSERT_TRUE(items("8\r", 2) && console.output().find("主板第一路12V上电") != std::string::npos);
   EXPECT_EQ(box.read("/sys/class/gpio/gpio8/value"), "1\n");
@@ -85,9 +92,19 @@ TEST(BenchkitOnSimulator, APersonAtTheTerminalSwitchesTheLogAndTheTwelveVoltLine
   ASSERT_TRUE(items("17\r2\r", 7));
   EXPECT_GT(box.read("/tmp/sdklog.log").size(), before);
   EXPECT_NE(console.output().find("COM=4;AI=0;DI=0,AO=0,DO=0串口数量:4"), std::string::npos) << console.output();
+  ASSERT_TRUE(items("7\r10\r", 9));
+  EXPECT_EQ(box.read("/sys/class/gpio/gpio8/value") + box.read("/sys/class/gpio/gpio5/value"), "0\n1\n");
 
-  console.end_input();
-  EXPECT_EQ(console.wait_exit(10), 0);
+  // Item 1: the clock written to the RTC, then read back five times a second apart.
+  const int reads = count(box.calls(), "hwclock -r\n");
+  ASSERT_TRUE(items("1\r", 10, 20));
+  EXPECT_EQ(count(box.calls(), "hwclock -r\n"), reads + 5);
+  EXPECT_EQ(count(console.output(), "指令执行结果:"), 6) << console.output();
+  // Item 4 reports the link once a second for a quarter of an hour: CTRL+C leaves it and the console.
+  console.send("4\r");
+  ASSERT_TRUE(console.wait_for_count("PPP0", 2 + count(console.output(), "PPP0"), 15)) << console.output();
+  console.send("\x03");
+  EXPECT_EQ(console.wait_exit(10), 128 + SIGINT);
 }
 
 // Off a board benchkit refuses with one line; --help and --version answer anywhere. Neither
