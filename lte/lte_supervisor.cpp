@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <pthread.h>
+#include <unistd.h>
 
 #include "lte/at_channel.h"
 #include "lte/modem_discovery.h"
@@ -64,15 +65,27 @@ void load_saved(NtuText field, const char* key, IdentityCheck valid) {
   ntu_set_text(field, valid(saved) ? saved : "");
 }
 
+// No modem, no link: what was read from it no longer holds.
+void modem_gone() {
+  ntu_set_text(NtuText::lteip, "");
+  ntu_set_text(NtuText::lteip1, "");
+  ntu_set_text(NtuText::nettype, "0");
+}
+
+// Between two USB listings, a modem whose AT port has vanished (pulled, or restarting) has no link.
+void check_port_still_there() {
+  char atdev[kNtuTextSize];
+  ntu_text(NtuText::atdev, atdev);
+  const platform::DevicePath port(atdev);
+  if (atdev[0] != '\0' && port.ok() && access(port.c_str(), F_OK) != 0) modem_gone();
+}
+
 // Another modem, or the same one back on USB, may carry another SIM: its identities are asked
 // again rather than kept.
 void follow_the_modem(int row_before, int found) {
   if (found == 0) {
     modem_left = modem_left || row_before != 0;
-    // No modem, no link: what was read from it no longer holds.
-    ntu_set_text(NtuText::lteip, "");
-    ntu_set_text(NtuText::lteip1, "");
-    ntu_set_text(NtuText::nettype, "0");
+    modem_gone();
     return;
   }
   if (modem_left || (row_before != 0 && NTU.mode_id.load() != row_before)) {
@@ -179,6 +192,7 @@ void lte_pass(int pass) {
   const int row_before = NTU.mode_id.load();
   const int found = pass % 2 == 0 ? readusb() : -1;
   if (found >= 0) follow_the_modem(row_before, found);
+  if (found < 0 && row_before != 0) check_port_still_there();
   if (found == 1) {
     char address[kNtuTextSize];
     read_ethip("ppp0", address);
