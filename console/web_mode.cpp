@@ -179,7 +179,8 @@ void* AODO_LISTEN_CONTROL(void*) {
 
 void ppp0_listen_pass(PppWatch& watch) {
   const lte::NtuTexts t = lte::ntu_texts();
-  if (t.lteip[0] == '\0' && ++watch.offline > kRedialSeconds) {
+  watch.offline = lte::ntu_online() ? 0 : watch.offline + 1;  // a minute offline in a row
+  if (watch.offline > kRedialSeconds) {
     watch.offline = 0;
     DialDial(nullptr, nullptr);
   }

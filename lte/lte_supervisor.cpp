@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <pthread.h>
+#include <unistd.h>
 
 #include "lte/at_channel.h"
 #include "lte/modem_discovery.h"
@@ -37,6 +38,14 @@ bool row_is(int row, std::initializer_list<int> rows) {
 
 // A modem was listed on USB, and a later listing lacked it.
 bool modem_left = false;
+// Until this monotonic time a dial request waits for the modem to answer again after a power cycle.
+double dial_waits_until = 0;
+constexpr double kRestartSeconds = 60;
+
+// Rows whose AT port is also the port PPP uses: no AT command while the link holds it.
+bool shares_port(int row) {
+  return row >= 1 && row <= ltemnum && std::strcmp(ltemm[row - 1].data_device, ltemm[row - 1].at_device) == 0;
+}
 
 using IdentityCheck = bool (*)(const char*);
 
@@ -56,11 +65,27 @@ void load_saved(NtuText field, const char* key, IdentityCheck valid) {
   ntu_set_text(field, valid(saved) ? saved : "");
 }
 
+// No modem, no link: what was read from it no longer holds.
+void modem_gone() {
+  ntu_set_text(NtuText::lteip, "");
+  ntu_set_text(NtuText::lteip1, "");
+  ntu_set_text(NtuText::nettype, "0");
+}
+
+// Between two USB listings, a modem whose AT port has vanished (pulled, or restarting) has no link.
+void check_port_still_there() {
+  char atdev[kNtuTextSize];
+  ntu_text(NtuText::atdev, atdev);
+  const platform::DevicePath port(atdev);
+  if (atdev[0] != '\0' && port.ok() && access(port.c_str(), F_OK) != 0) modem_gone();
+}
+
 // Another modem, or the same one back on USB, may carry another SIM: its identities are asked
 // again rather than kept.
 void follow_the_modem(int row_before, int found) {
   if (found == 0) {
     modem_left = modem_left || row_before != 0;
+    modem_gone();
     return;
   }
   if (modem_left || (row_before != 0 && NTU.mode_id.load() != row_before)) {
@@ -112,7 +137,8 @@ void data_init() {
   load_saved(NtuText::cimi, "cimi", is_imsi);
   load_saved(NtuText::imei, "imei", is_imei);
   ntu_set_text(NtuText::csq, "-70");
-  ntu_set_text(NtuText::nettype, "4");
+  ntu_set_text(NtuText::nettype, "0");  // unknown until the modem says
+  dial_waits_until = 0;
 }
 
 int readatdata() {
@@ -166,6 +192,7 @@ void lte_pass(int pass) {
   const int row_before = NTU.mode_id.load();
   const int found = pass % 2 == 0 ? readusb() : -1;
   if (found >= 0) follow_the_modem(row_before, found);
+  if (found < 0 && row_before != 0) check_port_still_there();
   if (found == 1) {
     char address[kNtuTextSize];
     read_ethip("ppp0", address);
@@ -179,19 +206,29 @@ void lte_pass(int pass) {
     SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED sleepcount1=%d,Line=%d;NTU.lteip=%s,NTU.mode_id=%d,NTU.CardStat=%d", pass,
                   __LINE__, lteip, NTU.mode_id.load(), NTU.CardStat.load());
     // These modems carry AT commands and data on one port: no queries while the link holds it.
-    if (!row_is(NTU.mode_id.load(), {12, 13, 18}) || link_down) readatdata();
+    if (!shares_port(NTU.mode_id.load()) || link_down) readatdata();
   }
   const int row = NTU.mode_id.load();
   char atdev[kNtuTextSize];
+  // A hard restart posted with a dial is served first; the dial then waits for the modem.
+  if (NTU.hardreboot.exchange(0) == 1) {
+    lte_power_cycle();
+    NTU.softreboot.store(0);
+    dial_waits_until = platform::monotonic_seconds() + kRestartSeconds;
+  }
   SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED NTU.pppdstart=%d", NTU.pppdstart.load());
   if (NTU.pppdstart.exchange(0) == 1) {
-    readatdata();
-    ntu_text(NtuText::atdev, atdev);
-    const int registered = row == 18 ? readEC800_info(atdev) : read_sysinfo(atdev);
-    if (registered > 0) {
-      start_dial(atdev);
-    } else if (row != 18) {
-      SDK_LOG_WRITE(SDK_LOG_NET, "LTE SYS NO CSQ!");
+    if (readatdata() < 0 && platform::monotonic_seconds() < dial_waits_until) {
+      NTU.pppdstart.store(1);  // the modem is still restarting: asked again next pass
+    } else {
+      dial_waits_until = 0;
+      ntu_text(NtuText::atdev, atdev);
+      const int registered = row == 18 ? readEC800_info(atdev) : read_sysinfo(atdev);
+      if (registered > 0) {
+        start_dial(atdev);
+      } else if (row != 18) {
+        SDK_LOG_WRITE(SDK_LOG_NET, "LTE SYS NO CSQ!");
+      }
     }
   }
   SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED NTU.pppdend=%d", NTU.pppdend.load());
@@ -209,10 +246,6 @@ void lte_pass(int pass) {
       ntu_text(NtuText::atdev, atdev);
       send_DialSoftReboot(atdev);
     }
-    NTU.softreboot.store(0);
-  }
-  if (NTU.hardreboot.exchange(0) == 1) {
-    lte_power_cycle();
     NTU.softreboot.store(0);
   }
 }

@@ -38,6 +38,12 @@ int simple_exchange(const char* atdev, const char* command, int lines) {
   return write_wait_read(command, "OK", out_put, sizeof out_put, lines, 1) == kAtOk ? 1 : -1;
 }
 
+// The modem said it has no service: on the second time in a row the link counts as down and
+// the generation as unknown, until it has service again.
+void no_service() {
+  if (NTU.noservice.fetch_add(1) + 1 >= 2) ntu_set_text(NtuText::nettype, "0");
+}
+
 // Identities are runs of at least this many digits; shorter runs (a signal, a status) are not.
 constexpr std::size_t kIdentityRun = 6;
 
@@ -105,9 +111,9 @@ const char* sysinfo_nettype(int system_mode) {
 
 const char* cops_nettype(int access_technology) {
   switch (access_technology) {
-    case 0: case 3: return "2";
-    case 2: case 4: case 5: return "3";
-    default: return "4";
+    case 0: case 1: case 3: case 8: return "2";
+    case 2: case 4: case 5: case 6: return "3";
+    default: return access_technology >= 7 ? "4" : "0";
   }
 }
 
@@ -124,7 +130,11 @@ int ParseRegistrationState_GT9615(char* reply) {
   NTU.srvdomain.store(domain);
   NTU.siminfo.store(1);
   ntu_set_text(NtuText::nettype, sim == 1 ? "SIM_OK" : (sim == 0 || sim == 255) ? "SIMOVER" : "");
-  if (status <= 0 || domain <= 0) return -1;
+  if (status <= 0 || domain <= 0) {
+    no_service();
+    return -1;
+  }
+  NTU.noservice.store(0);
   ntu_set_text(NtuText::nettype, sysinfo_nettype(mode));
   return mode;
 }
@@ -157,7 +167,12 @@ int read_creg(const char* atdev) {
   if (status < 0) return -1;
   SDK_LOG_WRITE(SDK_LOG_NET, "CREG stat=%d", status);
   NTU.srvstat.store(status + 100);
-  return status == 1 || status == 5 ? 1 : -1;
+  if (status != 1 && status != 5) {
+    no_service();
+    return -1;
+  }
+  NTU.noservice.store(0);
+  return 1;
 }
 
 int cops_act(const char* reply) {

@@ -30,6 +30,7 @@ void csq_text(int rssi, char (&out)[kNtuTextSize]);
 // A "^SYSINFO: srv,domain,roam,mode,sim" reply into NTU; the system mode when registered, or -1.
 int ParseRegistrationState_GT9615(char* reply);
 const char* sysinfo_nettype(int system_mode);
+// The generation of a +COPS access technology: 0, 1, 3, 8 "2"; 2, 4, 5, 6 "3"; 7 and 9 up "4".
 const char* cops_nettype(int access_technology);
 // The status after the first comma of a "+CREG" reply, or -1 without a comma.
 int creg_status(const char* reply);

@@ -44,11 +44,17 @@ void ntu_set_text(NtuText field, const char* text) {
   std::memcpy(field_of(texts, field), value, kNtuTextSize);
 }
 
+bool ntu_online() {
+  char lteip[kNtuTextSize];
+  ntu_text(NtuText::lteip, lteip);
+  return std::strlen(lteip) >= 6 && NTU.noservice.load() < 2;
+}
+
 void ntu_clear() {
   for (std::atomic<int>* word :
        {&NTU.pppdstart, &NTU.pppdend, &NTU.softreboot, &NTU.hardreboot, &NTU.attimeout,
         &NTU.ltestart, &NTU.mode_id, &NTU.CardStat, &NTU.siminfo, &NTU.simstat, &NTU.srvstat,
-        &NTU.srvdomain})
+        &NTU.srvdomain, &NTU.noservice})
     word->store(0);
   std::lock_guard<std::mutex> hold(texts_lock);
   texts = NtuTexts{};

@@ -21,7 +21,7 @@ struct NtuTexts {
   char csq[kNtuTextSize];      // signal strength in dBm as decimal text
   char cimi[kNtuTextSize];     // IMSI
   char imei[kNtuTextSize];     // IMEI
-  char nettype[kNtuTextSize];  // network generation "2", "3", "4" (or "0")
+  char nettype[kNtuTextSize];  // network generation "2", "3", "4"; "0" unknown or no service
 };
 
 struct Ntu {
@@ -37,6 +37,7 @@ struct Ntu {
   std::atomic<int> simstat{0};     // SIM state
   std::atomic<int> srvstat{0};     // service status, or registration status + 100
   std::atomic<int> srvdomain{0};   // service domain
+  std::atomic<int> noservice{0};   // consecutive queries in which the modem said it had no service
 };
 
 extern Ntu NTU;
@@ -47,6 +48,8 @@ NtuTexts ntu_texts();
 void ntu_text(NtuText field, char (&out)[kNtuTextSize]);
 // Replaces one text field with text cut to 19 bytes; a null text clears it.
 void ntu_set_text(NtuText field, const char* text);
+// The link is up: ppp0 has an address and the modem has not said "no service" twice in a row.
+bool ntu_online();
 // Every word to 0 and every text empty.
 void ntu_clear();
 

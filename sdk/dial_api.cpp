@@ -169,9 +169,7 @@ extern "C" int DialDial(const char* param1, const char* param2) {
 }
 
 extern "C" int DialIsOnline(void) {
-  char lteip[fsu::lte::kNtuTextSize];
-  fsu::lte::ntu_text(fsu::lte::NtuText::lteip, lteip);
-  const bool online = std::strlen(lteip) >= 6;
+  const bool online = fsu::lte::ntu_online();
   SDK_LOG_WRITE(SDK_LOG_NET, online ? "通过ppp0网卡获取相应的ip拨号成功" : "通过ppp0网卡获取相应的ip拨号失败");
   return online ? 0 : -1;
 }

@@ -35,9 +35,7 @@ void sdk_led_pass(SdkLedState& state) {
   state.run = !state.run;
   SetLEDValue_FromResourceName(kRunLed, state.run);
   SetLEDValue_FromResourceName(kAlarmLed, 0);
-  char lteip[lte::kNtuTextSize];
-  lte::ntu_text(lte::NtuText::lteip, lteip);
-  SetLEDValue_FromResourceName(kNetLed, lteip[0] != '\0' ? 1 : 0);
+  SetLEDValue_FromResourceName(kNetLed, lte::ntu_online() ? 1 : 0);
   SetLEDValue_FromResourceName(kBoardLed, serial::REAG_ENV_BOARD_RIGHT_FG() == 1 ? 1 : 0);
 }
 

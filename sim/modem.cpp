@@ -65,7 +65,9 @@ bool switch_word(std::string_view word, std::string_view on, std::string_view of
 
 // ^SYSINFO system mode and +COPS access technology of a network generation.
 int system_mode(int generation) { return generation == 2 ? 3 : generation == 3 ? 5 : 17; }
-int access_technology(int generation) { return generation == 2 ? 0 : generation == 3 ? 2 : 7; }
+int access_technology(int generation) { return generation == 2 ? 0 : generation == 3 ? 6 : 7; }
+// Quectel models (EC20, M820) answer in the longer shapes seen in the field.
+bool long_replies(int row) { return row >= 10 && row != 14 && row != 17; }
 
 }  // namespace
 
@@ -321,8 +323,9 @@ void Modem::answer(std::string_view typed, double now) {
   } else if (command == "AT+CSQ") {
     line("+CSQ: " + std::to_string(rssi_) + ",99");
   } else if (command == "AT^SYSINFO") {
-    line("^SYSINFO:" + std::string(on_net ? "2,3,0," : "0,0,0,") + std::to_string(on_net ? system_mode(generation_) : 0) +
-         "," + (sim_ ? "1" : "255"));
+    line("^SYSINFO:" + std::string(long_replies(row_) ? " " : "") + (on_net ? "2,3,0," : "0,0,0,") +
+         std::to_string(on_net ? system_mode(generation_) : 0) + "," + (sim_ ? "1" : "255") +
+         (long_replies(row_) ? ",0," + std::to_string(on_net ? system_mode(generation_) : 0) : ""));
   } else if (command == "AT+CIMI") {
     if (sim_) {
       line(row_ == 17 ? "+CIMI: " + imsi_ : imsi_);
@@ -341,9 +344,12 @@ void Modem::answer(std::string_view typed, double now) {
       line(prefix + quote + imei_ + quote);
     }
   } else if (command == "AT+CREG?") {
-    line("+CREG: 0," + std::to_string(on_net ? 1 : sim_ ? 2 : 0));
+    const std::string status = std::to_string(on_net ? 1 : sim_ ? 2 : 0);
+    line(long_replies(row_) ? "+CREG: 2," + status + ",\"2A3B\",\"0C1D2E3F\"," + std::to_string(access_technology(generation_))
+                            : "+CREG: 0," + status);
   } else if (command == "AT+COPS?") {
-    line(on_net ? "+COPS: 0,0,\"CHINA MOBILE\"," + std::to_string(access_technology(generation_)) : "+COPS: 0");
+    const std::string name = long_replies(row_) ? "0,2,\"46000\"," : "0,0,\"CHINA MOBILE\",";
+    line(on_net ? "+COPS: " + name + std::to_string(access_technology(generation_)) : "+COPS: 0");
   } else if (command == "AT+CFUN=1,1") {
     reply("\r\nOK\r\n");
     restart(now);

@@ -68,6 +68,12 @@ TEST(WebMode, CountersOutputRequestsAndThePppWatchdog) {
   EXPECT_EQ(std::vector({lte::NTU.pppdstart.load(), lte::NTU.CardStat.load()}), std::vector({0, 1}));
   EXPECT_EQ(box.read("/tmp/NetModuleInfo"),
             "SIM 卡状态: 正常;SIM 卡ISMI号: 460011234567890;模块IMEI: ;模块信号强度:-71;模块网络IP:10.64.12.34;");
+  // The modem pulled (its address cleared), back online for one second at 31 s: a minute offline in a row redials.
+  for (int second = 1; second <= 92; ++second) {
+    lte::ntu_set_text(lte::NtuText::lteip, second == 31 ? "10.64.12.34" : "");
+    lte::NTU.pppdstart.store(0), ppp0_listen_pass(watch);
+    ASSERT_EQ(lte::NTU.pppdstart.load(), second == 92) << second;
+  }
 }
 
 

@@ -9,6 +9,7 @@
 #include "lte/at_channel.h"
 #include "lte/modem_discovery.h"
 #include "lte/modem_queries.h"
+#include "lte/ntu.h"
 #include "sdk/dial_api.h"
 
 namespace fsu::lte {
@@ -32,7 +33,7 @@ TEST(Replies, SystemInformationRegistrationAndOperator) {
   ntu_clear();
   // A field that is not a number leaves NTU as it was.
   for (const auto& [text, state, nettype] : {std::tuple{"^SYSINFO:2,3,0,9,1", 9, "4"}, {"^SYSINFO:0,0,0,0,255", -1, "SIMOVER"},
-                                             {"^SYSINFO:2,3,0,X,1", -1, "SIMOVER"}}) {
+                                             {"^SYSINFO:2,3,0,X,1", -1, "SIMOVER"}, {"^SYSINFO: 2,4,5,3,1,0,6", 3, "2"}}) {
     std::string reply = text;
     EXPECT_EQ(ParseRegistrationState_GT9615(reply.data()), state) << text;
     EXPECT_STREQ(ntu_texts().nettype, nettype) << text;
@@ -41,14 +42,27 @@ TEST(Replies, SystemInformationRegistrationAndOperator) {
   for (const auto& [mode, gen] : {std::pair{0, "0"}, {3, "2"}, {8, "2"}, {1, "2"}, {4, "3"}, {15, "3"}, {9, "4"}, {17, "4"}}) {
     EXPECT_STREQ(sysinfo_nettype(mode), gen) << mode;
   }
-  for (const auto& [act, gen] : {std::pair{0, "2"}, {3, "2"}, {2, "3"}, {5, "3"}, {7, "4"}, {42, "4"}}) {
+  // Access technologies as 3GPP numbers them: 6 is UMTS with HSDPA and HSUPA, 8 EC-GSM-IoT.
+  for (const auto& [act, gen] : {std::pair{0, "2"}, {1, "2"}, {3, "2"}, {8, "2"}, {2, "3"}, {4, "3"}, {5, "3"}, {6, "3"},
+                                 {7, "4"}, {9, "4"}, {42, "4"}}) {
     EXPECT_STREQ(cops_nettype(act), gen) << act;
   }
-  for (const auto& [text, status] : {std::pair{"AT+CREG?+CREG: 0,5OK", 5}, {"+CREG: 0,2OK", 2}, {"+CREG: 2OK", -1}}) {
+  for (const auto& [text, status] : {std::pair{"AT+CREG?+CREG: 0,5OK", 5}, {"+CREG: 0,2OK", 2}, {"+CREG: 2OK", -1},
+                                          {"+CREG: 2,1,\"2A3B\",\"0C1D2E3F\",7OK", 1}}) {
     EXPECT_EQ(creg_status(text), status) << text;
   }
   EXPECT_EQ(cops_act("+COPS: 0,0,\"CHINA MOBILE\",7OK"), 7);
   EXPECT_EQ(cops_act("+COPS: 0,0OK"), -1);
+  // The link counts as down on the second answer in a row without service, until service is back.
+  ntu_set_text(NtuText::lteip, "10.64.12.34");
+  for (const auto& [text, online, nettype] : {std::tuple{"^SYSINFO:0,0,0,0,1", true, "SIM_OK"}, {"^SYSINFO:0,0,0,0,1", false, "0"},
+                                              {"^SYSINFO:2,3,0,5,1", true, "3"}}) {
+    std::string reply = text;
+    ParseRegistrationState_GT9615(reply.data());
+    EXPECT_EQ(ntu_online(), online) << text;
+    EXPECT_STREQ(ntu_texts().nettype, nettype) << text;
+  }
+  EXPECT_EQ(cops_act("+COPS: 0,2,\"46001\",6OK"), 6);
 }
 
 TEST(Replies, EveryImeiShapeInItsOrderAndTheImsi) {

@@ -72,16 +72,52 @@ TEST_F(Supervisor, AfterNoiseWithXoffAndAnEndlessLineTheNextCycleReachesTheModem
   EXPECT_STREQ(ntu_texts().csq, "-54");  // the probe and the signal query reached the modem
 }
 
-TEST_F(Supervisor, SharedPortRowsQueryOnlyWhileTheLinkIsDown) {
+TEST_F(Supervisor, SharedPortRowsQueryOnlyWhileTheLinkIsDownAndAPulledModemIsOfflineAtOnce) {
+  for (const char* row : {"18", "11"}) {  // every row whose AT port is its data port
+    data_init();
+    ASSERT_TRUE(unit.control({std::string("modem row ") + row, "modem dial"}).empty());
+    ASSERT_TRUE(sim::state_shows(unit.box, "link ppp0 ", "state=up"));
+    const long heard = commands();
+    for (int pass = 0; pass < 6; ++pass) lte_pass(pass);
+    EXPECT_STREQ(ntu_texts().lteip, "10.64.12.34");
+    EXPECT_TRUE(ntu_online());
+    EXPECT_EQ(commands(), heard) << row;
+    ASSERT_TRUE(unit.control({"modem link-drop"}).empty());
+    lte_pass(6);
+    EXPECT_TRUE(sim::poll_until(2, [&] { return commands() > heard; })) << row;  // sim/state follows within 0.1 s
+  }
+  ASSERT_TRUE(unit.control({"modem dial"}).empty());
+  lte_pass(8);
+  ASSERT_TRUE(ntu_online());
+  ASSERT_TRUE(unit.control({"modem unplug"}).empty());
+  lte_pass(10);
+  EXPECT_FALSE(ntu_online());
+  EXPECT_STREQ(ntu_texts().lteip, "");
+}
+
+TEST_F(Supervisor, TheGenerationIsWhatTheModemSaysInItsLongerShapes) {
+  for (const char* row : {"10", "18"}) {  // ^SYSINFO with a blank and seven fields; +CREG and +COPS for the dial
+    data_init();
+    EXPECT_STREQ(ntu_texts().nettype, "0");  // nothing said yet
+    ASSERT_TRUE(unit.control({std::string("modem row ") + row, "modem net 3"}).empty());  // +COPS: 0,2,"46000",6
+    NTU.pppdstart.store(1);
+    lte_pass(0);
+    EXPECT_STREQ(ntu_texts().nettype, "3") << row;
+    EXPECT_NE(unit.box.calls().find("lte.sh"), std::string::npos) << row;
+  }
+}
+
+TEST_F(Supervisor, ADialPostedWithAHardRestartIsServedOnceTheModemIsBack) {
   data_init();
-  ASSERT_TRUE(unit.control({"modem row 18", "modem dial"}).empty());
-  ASSERT_TRUE(sim::state_shows(unit.box, "link ppp0 ", "state=up"));
+  ASSERT_TRUE(unit.control({"modem boot-delay 2"}).empty());
   lte_pass(0);
-  EXPECT_STREQ(ntu_texts().lteip, "10.64.12.34");
-  EXPECT_EQ(commands(), 0);
-  ASSERT_TRUE(unit.control({"modem link-drop"}).empty());
-  lte_pass(2);
-  EXPECT_TRUE(sim::poll_until(2, [&] { return commands() > 0; }));  // sim/state follows within 0.1 s
+  NTU.pppdstart.store(1);
+  NTU.hardreboot.store(1);
+  int pass = 1;  // passes without their 1 s sleep: the modem takes 2 s to come back
+  EXPECT_TRUE(sim::poll_until(10, [&] { return lte_pass(pass++), NTU.pppdstart.load() == 0; }));
+  EXPECT_NE(unit.box.calls().find("lte.sh"), std::string::npos) << unit.box.calls();
+  EXPECT_TRUE(sim::state_shows(unit.box, "modem ", "power_cycles=1"));
+  EXPECT_TRUE(sim::state_shows(unit.box, "link ppp0 ", "state=up"));  // dialled after the power came back
 }
 
 TEST_F(Supervisor, SixteenFailedProbesOnRowSixteenBeforeTheFirstPowerCycle) {
