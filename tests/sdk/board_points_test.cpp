@@ -18,8 +18,26 @@ namespace {
 
 using serial::STR_BSP_ENV_INFO;
 
-TEST(PointApi, InputsReadTheirChannels) {
+// Relay requests come before the log is set up: only the SDK's own console lines are captured.
+TEST(PointApi, RelayRequestsGoToTheirBoardsInputsReadTheirChannelsAndLedsAreActiveLowAndHandedOver) {
   test::TestSandbox box;
+  sim::PtyPair board2;
+  ASSERT_TRUE(board2.open(nullptr) && symlink(board2.slave_path().c_str(), box.path("/dev/ttymxc6").c_str()) == 0);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(SetDOValue("Local/DO/1", 1) + SetDOValue("Local/DO/4", 0), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "LOCAL_DO_1 set 1");
+  const auto& env = STR_BSP_ENV_INFO;
+  EXPECT_EQ(std::tuple(env.ucDoSetFlag[0].load(), env.ucDoSetValue[0].load(), env.ucDoSetFlag[3].load(),
+                       env.ucDoSetValue[3].load(), env.ucDoSetFlag[1].load()),
+            std::tuple(1, 1, 1, 0, 0));
+
+  ASSERT_EQ(serial::BSP_ComCreate(5), 0u);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(SetDOValue("Local/DO/8", 1), 0);  // output 4 of extension board 2
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "EXT_TOP_DO_SET CH4 =1\r\n");
+  EXPECT_EQ(sim::take(board2.master(), 7, 2), std::string("\x7E\x00\x01\xAD\x01\xAF\x0D", 7));
+  EXPECT_EQ(SetDOValue("Local/DO/9", 1) + SetDOValue(nullptr, 1), -2);
+
   support::SDK_LOG_PAR_INIT();
   STR_BSP_ENV_INFO.fAiVolt[2].store(2.5f);
   STR_BSP_ENV_INFO.fAiCurr[2].store(12.0f);
@@ -49,30 +67,8 @@ TEST(PointApi, InputsReadTheirChannels) {
   float bat = 3.5f;
   EXPECT_EQ(GetBatValue("Local/Bat/1", &bat), -1);
   EXPECT_EQ(bat, 3.5f);
-}
 
-TEST(PointApi, RelayRequestsGoToTheirBoards) {
-  test::TestSandbox box;
-  sim::PtyPair board2;
-  ASSERT_TRUE(board2.open(nullptr) && symlink(board2.slave_path().c_str(), box.path("/dev/ttymxc6").c_str()) == 0);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(SetDOValue("Local/DO/1", 1) + SetDOValue("Local/DO/4", 0), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "LOCAL_DO_1 set 1");
-  const auto& env = STR_BSP_ENV_INFO;
-  EXPECT_EQ(std::tuple(env.ucDoSetFlag[0].load(), env.ucDoSetValue[0].load(), env.ucDoSetFlag[3].load(),
-                       env.ucDoSetValue[3].load(), env.ucDoSetFlag[1].load()),
-            std::tuple(1, 1, 1, 0, 0));
-
-  ASSERT_EQ(serial::BSP_ComCreate(5), 0u);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(SetDOValue("Local/DO/8", 1), 0);  // output 4 of extension board 2
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "EXT_TOP_DO_SET CH4 =1\r\n");
-  EXPECT_EQ(sim::take(board2.master(), 7, 2), std::string("\x7E\x00\x01\xAD\x01\xAF\x0D", 7));
-  EXPECT_EQ(SetDOValue("Local/DO/9", 1) + SetDOValue(nullptr, 1), -2);
-}
-
-TEST(PointApi, LedsAreActiveLowAndHandedOverOnTheFirstApplicationCall) {
-  test::TestSandbox box;
+  // LEDs are active low and handed over on the first application call.
   testing::internal::CaptureStdout();
   SdkLedState state;
   sdk_led_pass(state);  // the first pass lights the run LED and prepares every LED line
@@ -98,6 +94,7 @@ TEST(PointApi, LedsAreActiveLowAndHandedOverOnTheFirstApplicationCall) {
   EXPECT_EQ(SetLEDValue("Local/Led/alarm", 1), -1);
   EXPECT_EQ(gpio(18), "0");
 }
+
 
 }  // namespace
 }  // namespace fsu::sdk
