@@ -31,9 +31,7 @@ void check_ranges(const STR_BSP_ENV_INFO_T& info) {
     if (!(i == 0.0f || (i >= 4.0f && i <= 20.48f))) __builtin_trap();
     if (!is_bit(info.ucDi[c].load())) __builtin_trap();
   }
-  for (int b = 0; b < 8; ++b) {
-    if (!is_bit(info.ucDoState[b].load()) || !is_bit(info.ucStatusBits[b].load())) __builtin_trap();
-  }
+  for (int b = 0; b < 8; ++b) require(is_bit(info.ucDoState[b].load()) && is_bit(info.ucStatusBits[b].load()));
 }
 
 // The raw words, inputs and relay states a decode writes, as one text.
@@ -59,10 +57,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   auto whole = std::make_unique<std::uint8_t[]>(size);
   std::memcpy(whole.get(), data, size);
   auto direct = std::make_unique<STR_BSP_ENV_INFO_T>();
-  if (decode_env_answer(whole.get(), size, cycle, *direct) &&
-      (size < kEnvAnswerMin || whole[0] != '~' || whole[size - 1] != '\r')) {
-    __builtin_trap();
-  }
+  require(!decode_env_answer(whole.get(), size, cycle, *direct) ||
+          (size >= kEnvAnswerMin && whole[0] == '~' && whole[size - 1] == '\r'));
   check_ranges(*direct);
 
   // Through the handler, the readings move only on a gathered text that passes the checks, and

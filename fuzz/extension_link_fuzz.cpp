@@ -44,10 +44,8 @@ void cutter(const uint8_t* data, std::size_t size) {
       const std::int32_t before = fill;
       n = read_a_msg(buf.get(), out.get(), out_size, fill, &fill);
       if (fill < 0 || fill > before) __builtin_trap();
-      if (n != 0 && (static_cast<std::size_t>(n) > out_size || out[0] != kLinkStart || out[n - 1] != kLinkEnd ||
-                     out[1] * 256 + out[2] + 6 != n)) {
-        __builtin_trap();
-      }
+      require(n == 0 || (static_cast<std::size_t>(n) <= out_size && out[0] == kLinkStart && out[n - 1] == kLinkEnd &&
+                         out[1] * 256 + out[2] + 6 == n));
     }
   }
 }
@@ -67,11 +65,8 @@ void reader(const uint8_t* data, std::size_t size) {
     for (int k = 0; k < kSerialResources; ++k) {
       const std::int32_t len = LIST_MCOM_RECV_INFO[k].nLen.load();
       if (len < 0 || len > kRecvCapacity) __builtin_trap();
-      if (k >= 4 && k <= 11) {
-        channel_bytes += static_cast<std::size_t>(len);
-      } else if (k != kEnvAnswerRecord && len != 0) {
-        __builtin_trap();
-      }
+      if (k >= 4 && k <= 11) channel_bytes += static_cast<std::size_t>(len);
+      else require(k == kEnvAnswerRecord || len == 0);
     }
     if (channel_bytes > delivered || LIST_MCOM_RECV_INFO[kEnvAnswerRecord].nLen.load() > kEnvAnswerWait) __builtin_trap();
   });
@@ -101,20 +96,14 @@ void hostile(const uint8_t* data, std::size_t size) {
   }
   // Every frame was taken; the records, the flags and the readings are as they started but one.
   static const STR_BSP_ENV_INFO_T untouched{};
-  if (ext->fill != 0 || std::memcmp(&STR_BSP_ENV_INFO, &untouched, sizeof untouched) != 0 ||
-      REAG_ENV_BOARD_RIGHT_FG() != 0) {
-    __builtin_trap();
-  }
-  for (const auto& flag : fsu::sdk::BSP_BOARD_HARDWARE_RESOURCES) {
-    if (flag.load() != 0) __builtin_trap();
-  }
+  require(ext->fill == 0 && std::memcmp(&STR_BSP_ENV_INFO, &untouched, sizeof untouched) == 0 &&
+          REAG_ENV_BOARD_RIGHT_FG() == 0);
+  for (const auto& flag : fsu::sdk::BSP_BOARD_HARDWARE_RESOURCES) require(flag.load() == 0);
   const int own = channel_record(1, channel);
   for (int k = 0; k < kSerialResources; ++k) {
     const auto expected = k != own ? 0 : std::min<std::size_t>(written.size(), kRecvCapacity);
-    if (static_cast<std::size_t>(LIST_MCOM_RECV_INFO[k].nLen.load()) != expected ||
-        (expected > 0 && std::memcmp(LIST_MCOM_RECV_INFO[k].aucData, written.data(), expected) != 0)) {
-      __builtin_trap();
-    }
+    require(static_cast<std::size_t>(LIST_MCOM_RECV_INFO[k].nLen.load()) == expected &&
+            (expected == 0 || std::memcmp(LIST_MCOM_RECV_INFO[k].aucData, written.data(), expected) == 0));
   }
 }
 

@@ -31,10 +31,8 @@ using namespace fsu::lte;
 // line) and holds no line end.
 void check_line(const char* line) {
   const char* end = s_ATBuffer + kAtLineArea;
-  if (line < s_ATBuffer || line >= end || line + strnlen(line, static_cast<std::size_t>(end - line) + 1) > end ||
-      std::strpbrk(line, "\r\n") != nullptr || *line == '\0') {
-    __builtin_trap();
-  }
+  require(line >= s_ATBuffer && line < end && line + strnlen(line, static_cast<std::size_t>(end - line) + 1) <= end &&
+          std::strpbrk(line, "\r\n") == nullptr && *line != '\0');
 }
 
 void lines(const uint8_t* data, std::size_t size) {
@@ -78,10 +76,8 @@ void replies(const uint8_t* data, std::size_t size) {
 
   // Whatever the modem sent, a stored identity is digits, and of an identity's length.
   NtuTexts texts = ntu_texts();
-  if (!digits_only(texts.cimi) || !digits_only(texts.imei) || std::strlen(texts.cimi) > 15 ||
-      (texts.imei[0] != '\0' && std::strlen(texts.imei) != 15)) {
-    __builtin_trap();
-  }
+  require(digits_only(texts.cimi) && digits_only(texts.imei) && std::strlen(texts.cimi) <= 15 &&
+          (texts.imei[0] == '\0' || std::strlen(texts.imei) == 15));
   // The texts are JSON for any bytes in any field: the raw reply stands in for the others.
   char raw[kNtuTextSize] = {};
   std::memcpy(raw, data, std::min(size, kNtuTextSize - 1));
@@ -92,9 +88,7 @@ void replies(const uint8_t* data, std::size_t size) {
   if (fsu::sdk::build_static_info(texts, json, sizeof json) != 0 || !nlohmann::json::accept(json)) __builtin_trap();
   std::memcpy(texts.cimi, texts.lteip, kNtuTextSize);
   if (fsu::sdk::build_static_info(texts, json, sizeof json) != 0 || !nlohmann::json::accept(json)) __builtin_trap();
-  if (fsu::sdk::build_dynamic_info(1, texts, 1, 1, 1, json, sizeof json) != 0 || !nlohmann::json::accept(json)) {
-    __builtin_trap();
-  }
+  require(fsu::sdk::build_dynamic_info(1, texts, 1, 1, 1, json, sizeof json) == 0 && nlohmann::json::accept(json));
 }
 
 void check_value(const char (&value)[100]) {
@@ -113,9 +107,7 @@ void parameters(const uint8_t* data, std::size_t size) {
     check_value(values[i++]);
   }
   // What a restart takes back from the file is an identity or nothing.
-  if ((is_imsi(values[0]) && !digits_only(values[0])) || (is_imei(values[1]) && std::strlen(values[1]) != 15)) {
-    __builtin_trap();
-  }
+  require((!is_imsi(values[0]) || digits_only(values[0])) && (!is_imei(values[1]) || std::strlen(values[1]) == 15));
   char written[3 * 20 + 32];
   for (auto& value : values) value[19] = '\0';  // the record's fields hold 19 characters
   globalp_text(values[0], values[1], values[2], written, sizeof written);

@@ -23,10 +23,8 @@ bool within(double v, double bound) { return std::isfinite(v) && std::fabs(v) <=
 
 void check_record() {
   const GpsInfo r = gps_info();
-  if (!within(r.latitude, 2e6) || !within(r.longitude, 2e6) || !within(r.altitude, 2e8) || !within(r.gps_in_view, 1e8) ||
-      !within(r.bd_in_view, 1e8) || !within(r.gps_used - 100, 100) || !within(r.bd_used - 100, 100) || r.gps_time < 0) {
-    __builtin_trap();
-  }
+  require(within(r.latitude, 2e6) && within(r.longitude, 2e6) && within(r.altitude, 2e8) && within(r.gps_in_view, 1e8) &&
+          within(r.bd_in_view, 1e8) && within(r.gps_used - 100, 100) && within(r.bd_used - 100, 100) && r.gps_time >= 0);
   if (std::strlen(SET_GPS_BD_dB()) >= kSignalReportSize) __builtin_trap();
 }
 

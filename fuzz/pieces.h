@@ -8,6 +8,11 @@
 #include <cstring>
 #include <memory>
 
+// Stops the run where a property of the code under test does not hold.
+inline void require(bool holds) {
+  if (!holds) __builtin_trap();
+}
+
 template <typename Feed>
 void for_each_piece(const std::uint8_t* data, std::size_t size, std::size_t at, Feed&& feed) {
   while (at + 2 <= size) {

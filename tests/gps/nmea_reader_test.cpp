@@ -81,7 +81,7 @@ TEST_F(NmeaReader, ZdaGivesUtcPlusEightHoursCorrectedByItsZone) {
   }
 }
 
-TEST_F(NmeaReader, GsvGroupsFillTheSlotsWhenCompleteAndGsaCountsSatellitesUsed) {
+TEST_F(NmeaReader, GsvGroupsFillTheSlotsWhenCompleteGsaCountsSatellitesUsedAndOversizedFieldsStayInTheRecord) {
   const std::string group[] = {nmea("GPGSV,3,1,10,01,40,083,46,02,17,308,41,12,07,344,39,14,22,228,45"),
                                nmea("GPGSV,3,2,10,15,44,050,38,17,10,100,,19,,200,30,24,60,010,42"),
                                nmea("GPGSV,3,3,10,25,05,300,33,32,55,123,")};
@@ -113,18 +113,15 @@ TEST_F(NmeaReader, GsvGroupsFillTheSlotsWhenCompleteAndGsaCountsSatellitesUsed) 
   read_batch(nmea("GPGSA,A,3,04,05,,09,12,,,24,,,,,2.5,1.3,2.1") + nmea("BDGSA,A,3,01,02,03,04,05,06,07,08,09,10,11,12,2.5,1.3,2.1,4") +
              nmea("GNGSA,A,3,01,02,03,,,,,,,,,,2.5,1.3,2.1"));
   EXPECT_EQ(std::pair(gps_fix().gps_used, gps_fix().bd_used), std::pair(5.0f, 12.0f));
-}
 
-TEST_F(NmeaReader, OversizedFieldsAndGsvBlocksStayWithinTheRecord) {
+  // Oversized fields and GSV blocks stay within the record.
   const std::string digits(40, '9');
   read_batch(nmea("GPGGA,1," + digits + ",N," + digits + ",E,1,08,0.9,-" + digits + ",M,,") + nmea("GPGSV,0,0," + digits + ",") +
              nmea("BDGSV,9,9,99,1,2,3,4,5,6,7,8,9,1,2,3,4,5,6,7,8,9,1,2,3,4,5,6,7,8,9" + std::string(100, ',')));
-  const GpsInfo info = gps_info();
-  EXPECT_EQ(info.bd_sat_id[32], 1);  // message 9, first block; the blocks behind it fit slots 33 to 80
-  EXPECT_EQ(info.bd_cn0[32], 4);
-  EXPECT_EQ(info.latitude, 99 + 1e8f / 60);
-  EXPECT_EQ(info.altitude, -1e8f);
-  EXPECT_EQ(info.gps_in_view, 1e8f);
+  const GpsInfo cut = gps_info();
+  // Message 9's first block in slot 32; the blocks behind it fit slots 33 to 80.
+  EXPECT_EQ(std::tuple(cut.bd_sat_id[32], cut.bd_cn0[32], cut.latitude, cut.altitude, cut.gps_in_view),
+            std::tuple(1, 4, double{99 + 1e8f / 60}, -1e8f, 1e8f));
 }
 
 TEST(ReadAStr, TakesTheTextBetweenTwoCountedNeedles) {

@@ -18,41 +18,8 @@ namespace {
 
 using serial::STR_BSP_ENV_INFO;
 
-TEST(PointApi, InputsReadTheirChannels) {
-  test::TestSandbox box;
-  support::SDK_LOG_PAR_INIT();
-  STR_BSP_ENV_INFO.fAiVolt[2].store(2.5f);
-  STR_BSP_ENV_INFO.fAiCurr[2].store(12.0f);
-  STR_BSP_ENV_INFO.fAiVolt[10].store(1.25f);
-  STR_BSP_ENV_INFO.fAiCurr[15].store(4.5f);
-  STR_BSP_ENV_INFO.ucDi[0].store(1);
-  STR_BSP_ENV_INFO.ucDi[15].store(1);
-  const auto ai = [](const char* name, int type) {
-    float v = -1;
-    return GetAIValue(name, type, &v) == 0 ? v : -1.0f;
-  };
-  EXPECT_EQ(std::tuple(ai("Local/AI/3", 0), ai("Local/AI/3", 5), ai("Local/AI/11", 0), ai("Local/AI/16", 1)),
-            std::tuple(2.5f, 12.0f, 1.25f, 4.5f));  // without extension boards: all from the environment record
-  char text[32];
-  EXPECT_EQ(GetAIValue_String("Local/AI/3", 0, text), 0);
-  EXPECT_STREQ(text, "2.500000");
-  PAR_SET_EXT_COM_EXIST_STATUS(1);  // with them, channels 9 to 16 read the extension record: zeros
-  EXPECT_EQ(std::tuple(ai("Local/AI/3", 0), ai("Local/AI/11", 0), ai("Local/AI/16", 1)), std::tuple(2.5f, 0.0f, 0.0f));
-  float v = 7;
-  EXPECT_EQ(GetAIValue("Local/AI/17", 0, &v) + GetAIValue("Local/AI/03", 0, &v) + GetAIValue("Local/AI/3", 0, nullptr), -3);
-  EXPECT_EQ(v, 7);
-  EXPECT_NE(box.read("/tmp/sdklog.log").find("]:Local/AI/ Resources error"), std::string::npos);
-
-  int di1 = -1, di16 = -1, di24 = -1, di25 = 9;
-  EXPECT_EQ(GetDIValue("Local/DI/1", &di1) + GetDIValue("Local/DI/16", &di16) + GetDIValue("Local/DI/24", &di24), 0);
-  EXPECT_EQ(GetDIValue("Local/DI/25", &di25) + GetDIValue("Local/DI/1", nullptr), -2);
-  EXPECT_EQ(std::tuple(di1, di16, di24, di25), std::tuple(1, 1, 0, 9));
-  float bat = 3.5f;
-  EXPECT_EQ(GetBatValue("Local/Bat/1", &bat), -1);
-  EXPECT_EQ(bat, 3.5f);
-}
-
-TEST(PointApi, RelayRequestsGoToTheirBoards) {
+// Relay requests come before the log is set up: only the SDK's own console lines are captured.
+TEST(PointApi, RelayRequestsGoToTheirBoardsInputsReadTheirChannelsAndLedsAreActiveLowAndHandedOver) {
   test::TestSandbox box;
   sim::PtyPair board2;
   ASSERT_TRUE(board2.open(nullptr) && symlink(board2.slave_path().c_str(), box.path("/dev/ttymxc6").c_str()) == 0);
@@ -70,10 +37,38 @@ TEST(PointApi, RelayRequestsGoToTheirBoards) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "EXT_TOP_DO_SET CH4 =1\r\n");
   EXPECT_EQ(sim::take(board2.master(), 7, 2), std::string("\x7E\x00\x01\xAD\x01\xAF\x0D", 7));
   EXPECT_EQ(SetDOValue("Local/DO/9", 1) + SetDOValue(nullptr, 1), -2);
-}
 
-TEST(PointApi, LedsAreActiveLowAndHandedOverOnTheFirstApplicationCall) {
-  test::TestSandbox box;
+  support::SDK_LOG_PAR_INIT();
+  STR_BSP_ENV_INFO.fAiVolt[2].store(2.5f);
+  STR_BSP_ENV_INFO.fAiCurr[2].store(12.0f);
+  STR_BSP_ENV_INFO.fAiVolt[10].store(1.25f);
+  STR_BSP_ENV_INFO.fAiCurr[15].store(4.5f);
+  STR_BSP_ENV_INFO.ucDi[0].store(1);
+  STR_BSP_ENV_INFO.ucDi[15].store(1);
+  const auto ai = [](const char* name, int type) {
+    float v = -1;
+    return GetAIValue(name, type, &v) == 0 ? v : -1.0f;
+  };
+  EXPECT_EQ(std::tuple(ai("Local/AI/3", 0), ai("Local/AI/3", 5), ai("Local/AI/11", 0), ai("Local/AI/16", 1)),
+            std::tuple(2.5f, 12.0f, 1.25f, 4.5f));  // without extension boards: all from the environment record
+  char text[32];
+  EXPECT_EQ(std::to_string(GetAIValue_String("Local/AI/3", 0, text)) + text, "02.500000");
+  PAR_SET_EXT_COM_EXIST_STATUS(1);  // with them, channels 9 to 16 read the extension record: zeros
+  EXPECT_EQ(std::tuple(ai("Local/AI/3", 0), ai("Local/AI/11", 0), ai("Local/AI/16", 1)), std::tuple(2.5f, 0.0f, 0.0f));
+  float v = 7;
+  EXPECT_EQ(GetAIValue("Local/AI/17", 0, &v) + GetAIValue("Local/AI/03", 0, &v) + GetAIValue("Local/AI/3", 0, nullptr), -3);
+  EXPECT_EQ(v, 7);
+  EXPECT_NE(box.read("/tmp/sdklog.log").find("]:Local/AI/ Resources error"), std::string::npos);
+
+  int di1 = -1, di16 = -1, di24 = -1, di25 = 9;
+  EXPECT_EQ(GetDIValue("Local/DI/1", &di1) + GetDIValue("Local/DI/16", &di16) + GetDIValue("Local/DI/24", &di24), 0);
+  EXPECT_EQ(GetDIValue("Local/DI/25", &di25) + GetDIValue("Local/DI/1", nullptr), -2);
+  EXPECT_EQ(std::tuple(di1, di16, di24, di25), std::tuple(1, 1, 0, 9));
+  float bat = 3.5f;
+  EXPECT_EQ(GetBatValue("Local/Bat/1", &bat), -1);
+  EXPECT_EQ(bat, 3.5f);
+
+  // LEDs are active low and handed over on the first application call.
   testing::internal::CaptureStdout();
   SdkLedState state;
   sdk_led_pass(state);  // the first pass lights the run LED and prepares every LED line
@@ -99,6 +94,7 @@ TEST(PointApi, LedsAreActiveLowAndHandedOverOnTheFirstApplicationCall) {
   EXPECT_EQ(SetLEDValue("Local/Led/alarm", 1), -1);
   EXPECT_EQ(gpio(18), "0");
 }
+
 
 }  // namespace
 }  // namespace fsu::sdk

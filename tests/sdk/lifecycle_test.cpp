@@ -48,13 +48,9 @@ TEST(Lifecycle, ClockCheckRepairsNothingWhenTheClockAnswersInformationIsBoundedA
   EXPECT_EQ(box.calls().find("date"), std::string::npos);
 
   char buf[64];
-  EXPECT_EQ(ReadSDKVersion(buf, sizeof buf), 0);
-  EXPECT_STREQ(buf, FSUSDK_EDITION "-" FSUSDK_VERSION);
-  EXPECT_STREQ(buf, "SE-1.0.9");
-  EXPECT_EQ(ReadSDKVersion(buf, 4) + ReadSDKVersion(nullptr, 9), -2);
-  EXPECT_STREQ(buf, "SE-");
-  EXPECT_EQ(ReadHardwareInformation(buf, 63), 0);
-  EXPECT_STREQ(buf, "{\"产品型号\":\"KTRV-QX\",\"生产日期\":\"2023-01-16 00:00:0\"}");
+  EXPECT_EQ(std::to_string(ReadSDKVersion(buf, sizeof buf)) + buf, "0SE-1.0.9");
+  EXPECT_EQ(std::to_string(ReadSDKVersion(buf, 4) + ReadSDKVersion(nullptr, 9)) + buf, "-2SE-");
+  EXPECT_EQ(std::to_string(ReadHardwareInformation(buf, 63)) + buf, "0{\"产品型号\":\"KTRV-QX\",\"生产日期\":\"2023-01-16 00:00:0\"}");
   EXPECT_EQ(ReadHardwareInformation(buf, 62) + ReadHardwareInformation(buf, 0), -2);
 
   // An update takes only archives with plain paths.

@@ -59,10 +59,8 @@ TEST(ResourceCatalogue, CountsListAliasAndStateFollowTheExistFlags) {
   EXPECT_EQ(ReadFSUResource(nullptr, 1024) + ReadFSUResource(buf, 0), -2);
 
   // The alias is the name itself, cut to the size; every state is 0.
-  EXPECT_EQ(ReadResourceAlias("Local/DO/2", buf, sizeof buf), 0);
-  EXPECT_STREQ(buf, "Local/DO/2");
-  EXPECT_EQ(ReadResourceAlias("Local/Led/extend1", buf, 5), -1);
-  EXPECT_STREQ(buf, "Loca");
+  EXPECT_EQ(std::to_string(ReadResourceAlias("Local/DO/2", buf, sizeof buf)) + buf, "0Local/DO/2");
+  EXPECT_EQ(std::to_string(ReadResourceAlias("Local/Led/extend1", buf, 5)) + buf, "-1Loca");
   int state = 7;
   EXPECT_EQ(GetResourceState("anything", &state), 0);
   EXPECT_EQ(state + GetResourceState(nullptr, nullptr), -1);

@@ -313,7 +313,7 @@ TEST_F(Serial, AHostileChannelCannotForgeFramesForOtherPortsOrReadings) {
   EXPECT_EQ(STR_BSP_ENV_INFO.ucDi[0].load() + STR_BSP_ENV_INFO.nUpdateTime.load(), 0);
 }
 
-TEST_F(Serial, KeepAliveAfter21SilentTicksRelayCommandsNotCountedAndTheEnvironmentSender) {
+TEST_F(Serial, KeepAliveAfter21SilentTicksRelayCommandsNotCountedTheEnvironmentSenderAndTheLinkThreads) {
   const std::string keep_alive = frame(0x92, "");
   for (int tick = 0; tick < 20; ++tick) RunComDog();
   EXPECT_EQ(uart(6).drain(), "");
@@ -337,9 +337,8 @@ TEST_F(Serial, KeepAliveAfter21SilentTicksRelayCommandsNotCountedAndTheEnvironme
   env_com_send_pass();
   EXPECT_EQ(uart(5).receive(44), frame(0x84, "~FFFF0555B014FF01FFFFFFFFFFFFFFFFF7F5\r"));
   EXPECT_EQ(uart(6).drain(), "");
-}
 
-TEST_F(Serial, LinkThreadsSetTheChannelUpThenPollEverySecondAndRead) {
+  // The link threads set the channel up, then poll every second and read.
   static std::int32_t slot = 5, value = 6;
   pthread_t reader, sender;
   testing::internal::CaptureStdout();

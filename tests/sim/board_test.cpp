@@ -166,8 +166,8 @@ std::string line_params(unsigned baud, char data_bits, char stop_bits, char pari
   return {char(baud >> 24), char(baud >> 16), char(baud >> 8), char(baud), data_bits, stop_bits, parity};
 }
 
-TEST(ExtensionBoards, AnnounceThemselvesAnswerKeepAlivesAndLineParametersAndSwitchRelays) {
-  RunningBoard unit;
+TEST(ExtensionBoards, AnnounceThemselvesAnswerKeepAlivesAndLineParametersSwitchRelaysAndCarryTheEnvironmentBoard) {
+  RunningBoard unit({"ai 3 2.5"});
   ASSERT_TRUE(unit.started);
   Link board1(unit.box, "/dev/ttymxc5");
   Link board2(unit.box, "/dev/ttymxc6");
@@ -197,40 +197,10 @@ TEST(ExtensionBoards, AnnounceThemselvesAnswerKeepAlivesAndLineParametersAndSwit
   EXPECT_NE(state_line(unit.box, "relay 6 ").find("state=off"), std::string::npos);  // not by board 1
   EXPECT_TRUE(board2.frames(1, 0.2).empty());
   EXPECT_TRUE(state_shows(unit.box, "board 2 ", "state=on frames_in=7 frames_out=3 bad_frames=1"));
-}
 
-TEST(ExtensionBoards, CarryChannelBytesBothWaysAtTheChannelRate) {
-  RunningBoard unit({"uart 10 terminal"});
-  ASSERT_TRUE(unit.started);
-  const int person = open_port(terminal_of(unit.box, "uart 10 "), B9600);
-  ASSERT_GE(person, 0) << unit.box.read("/sim/state");
-  Link board1(unit.box, "/dev/ttymxc5");
-  Link board2(unit.box, "/dev/ttymxc6");
-
-  board1.send(0x80, "through the plug of channel 0");
-  EXPECT_EQ(board1.data_of(0x50, 29), "through the plug of channel 0");
-  board2.send(0x82, "to the person");
-  EXPECT_EQ(take(person, 13, 2), "to the person");
-
-  std::string typed;
-  for (int i = 0; i < 480; ++i) typed += static_cast<char>('a' + i % 26);
-  const double start = platform::monotonic_seconds();
-  put(person, typed);
-  std::size_t frames = 0;
-  EXPECT_EQ(board2.data_of(0x52, typed.size(), 3, &frames), typed);
-  EXPECT_GT(platform::monotonic_seconds() - start, 0.4);  // 480 bytes at 960 a second
-  EXPECT_LT(frames, 48u);                                 // gathered, not a frame a byte
-  EXPECT_TRUE(state_shows(unit.box, "uart 10 ", "from_sdk=13 to_sdk=480 dropped=0"));
-  close(person);
-}
-
-// Board 1 carries the environment board's answers in pieces cut differently from answer to
-// answer; the SDK's gatherer puts each together again. (The readings and relays are met end to
-// end in tests/e2e/boards_e2e_test.cpp.)
-TEST(EnvironmentBoard, AnswersThroughBoardOneInPiecesTheSdkGathersAndFallsSilentOnRequest) {
-  RunningBoard unit({"ai 3 2.5"});
-  ASSERT_TRUE(unit.started);
-  Link board1(unit.box, "/dev/ttymxc5");
+  // Board 1 carries the environment board's answers in pieces cut differently from answer to
+  // answer; the SDK's gatherer puts each together again. (The readings and relays are met end to
+  // end in tests/e2e/boards_e2e_test.cpp.)
   const std::string poll = serial::kEnvPoll;
   for (int round = 0; round < 5; ++round) {
     serial::clear_env_info();
@@ -262,6 +232,31 @@ TEST(EnvironmentBoard, AnswersThroughBoardOneInPiecesTheSdkGathersAndFallsSilent
   EXPECT_TRUE(unit.control({"env on"}).empty());
   board1.send(0x84, poll);
   EXPECT_EQ(board1.data_of('T', 200).size(), 200u);
+}
+
+TEST(ExtensionBoards, CarryChannelBytesBothWaysAtTheChannelRate) {
+  RunningBoard unit({"uart 10 terminal"});
+  ASSERT_TRUE(unit.started);
+  const int person = open_port(terminal_of(unit.box, "uart 10 "), B9600);
+  ASSERT_GE(person, 0) << unit.box.read("/sim/state");
+  Link board1(unit.box, "/dev/ttymxc5");
+  Link board2(unit.box, "/dev/ttymxc6");
+
+  board1.send(0x80, "through the plug of channel 0");
+  EXPECT_EQ(board1.data_of(0x50, 29), "through the plug of channel 0");
+  board2.send(0x82, "to the person");
+  EXPECT_EQ(take(person, 13, 2), "to the person");
+
+  std::string typed;
+  for (int i = 0; i < 480; ++i) typed += static_cast<char>('a' + i % 26);
+  const double start = platform::monotonic_seconds();
+  put(person, typed);
+  std::size_t frames = 0;
+  EXPECT_EQ(board2.data_of(0x52, typed.size(), 3, &frames), typed);
+  EXPECT_GT(platform::monotonic_seconds() - start, 0.4);  // 480 bytes at 960 a second
+  EXPECT_LT(frames, 48u);                                 // gathered, not a frame a byte
+  EXPECT_TRUE(state_shows(unit.box, "uart 10 ", "from_sdk=13 to_sdk=480 dropped=0"));
+  close(person);
 }
 
 }  // namespace
