@@ -12,13 +12,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds="${1:-60}"
-build="${FSU_BENCH_BUILD:-}"
-if [ -z "$build" ]; then
-  build=build-bench
-  bash scripts/setup.sh
-  cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DFSU_BUILD_TESTS=OFF >/dev/null
-fi
-cmake --build "$build" -j2 --target fsusim benchkit uart_line_rate sdk_idle_cpu >/dev/null
+source scripts/bench_build.sh
+bench_build fsusim benchkit uart_line_rate sdk_idle_cpu
 
 "$build/fsusim" run --terminal 5 -- "$build/bench/uart_line_rate" "$seconds" 5 | grep -A5 '^Local/Uart/5 at'
 # The idle SDK with the modem healthy, silent, streaming and unplugged.

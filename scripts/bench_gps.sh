@@ -7,13 +7,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds="${1:-60}"
-build="${FSU_BENCH_BUILD:-}"
-if [ -z "$build" ]; then
-  build=build-bench
-  bash scripts/setup.sh
-  cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DFSU_BUILD_TESTS=OFF >/dev/null
-fi
-cmake --build "$build" -j2 --target fsusim nmea_reader_bench sdk_idle_cpu >/dev/null
+source scripts/bench_build.sh
+bench_build fsusim nmea_reader_bench sdk_idle_cpu
 
 "$build/bench/nmea_reader_bench" --benchmark_repetitions=5 --benchmark_report_aggregates_only=true 2>/dev/null |
   grep -E '_(mean|stddev) '

@@ -8,13 +8,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds="${1:-60}"
-build="${FSU_BENCH_BUILD:-}"
-if [ -z "$build" ]; then
-  build=build-bench
-  bash scripts/setup.sh
-  cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DFSU_BUILD_TESTS=OFF >/dev/null
-fi
-cmake --build "$build" -j2 --target fsusim sdk_idle_cpu >/dev/null
+source scripts/bench_build.sh
+bench_build fsusim sdk_idle_cpu
 
 status=0
 for state in healthy silent streaming unplugged; do
