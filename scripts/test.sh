@@ -4,7 +4,8 @@
 #   bash scripts/test.sh asan tsan     the named stages only
 # Stages, each in a build folder of its own:
 #   werror    gcc, warnings as errors, the whole suite, then the build    build-ci/
-#             installed and used by C programs (scripts/check_install.sh)
+#             installed and used by C programs (scripts/check_install.sh),
+#             and its Debian packages installed and used (scripts/packages.sh)
 #   asan      clang, ASan+UBSan halting on the first report, the suite  build-asan/
 #   tsan      clang, ThreadSanitizer, the suite                         build-tsan/
 #   fuzz      every fuzz target for 30 s on its seeds (scripts/fuzz.sh) build-fuzz/
@@ -12,7 +13,7 @@
 #   armhf     cross build for the board and its checks of folded        build-armhf/
 #             thread-local offsets; unit, module and the serial, board,
 #             web, modem and receiver e2e tests under qemu-arm, on a
-#             native fsusim                                              build-armhf-host/
+#             native fsusim; its Debian packages' architecture and files build-armhf-host/
 #   soak      3 minutes of the soak and fault campaign (scripts/soak.sh) on the release build
 #             and on the ASan+UBSan build                                build-soak[-asan]/
 # Every stage runs even when an earlier one failed; the run fails when any stage failed.
@@ -70,7 +71,8 @@ stage_werror() {
   cmake -S . -B build-ci -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFSU_WERROR=ON >/dev/null &&
     cmake --build build-ci -j2 &&
     suite build-ci &&
-    bash scripts/check_install.sh build-ci
+    bash scripts/check_install.sh build-ci &&
+    bash scripts/packages.sh build-ci
 }
 
 stage_asan() { sanitized_suite address build-asan; }
@@ -108,7 +110,8 @@ stage_armhf() {
     arm-linux-gnueabihf-readelf -h build-armhf/benchkit | grep -E 'Class|Machine|Flags' &&
     find build-armhf -name '*.o' -exec python3 scripts/check_tls_offsets.py {} + &&
     suite build-armhf -L 'unit|module' &&
-    suite build-armhf -L e2e -R "$armhf_e2e"
+    suite build-armhf -L e2e -R "$armhf_e2e" &&
+    bash scripts/packages.sh build-armhf
 }
 
 # Both runs even when the first fails, so that one log shows both.
