@@ -13,8 +13,11 @@ work=$(mktemp -d "${TMPDIR:-/tmp}/fsu-packages.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 fail() { echo "packages: $*" >&2; exit 1; }
 
-# The libraries' Debian places follow from the prefix the build was configured with.
-cmake -S . -B "$build" -DCMAKE_INSTALL_PREFIX=/usr >/dev/null
+# The libraries go to Debian's multiarch folder of the build's compiler (GNUInstallDirs finds
+# it by itself only for a native build).
+triple=$(sed -n 's/^set(CMAKE_CXX_LIBRARY_ARCHITECTURE "\(.*\)")$/\1/p' "$build"/CMakeFiles/*/CMakeCXXCompiler.cmake | head -1)
+[ -n "$triple" ] || fail "$build: no multiarch name for its compiler"
+cmake -S . -B "$build" -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR="lib/$triple" >/dev/null
 rm -rf "$build/packages"
 (cd "$build" && cpack -G DEB -B "$PWD/packages" >/dev/null) || fail "cpack failed in $build"
 rm -rf "$build/packages/_CPack_Packages"
@@ -22,8 +25,8 @@ rm -rf "$build/packages/_CPack_Packages"
 arch=$(sed -n 's/^CPACK_DEBIAN_PACKAGE_ARCHITECTURE:.*=//p' "$build/CMakeCache.txt")
 arch=${arch:-$(grep -o 'set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE "[^"]*"' "$build/CPackConfig.cmake" | cut -d'"' -f2)}
 case $arch in
-  amd64) triple=x86_64-linux-gnu machine='X86-64' ;;
-  armhf) triple=arm-linux-gnueabihf machine='ARM' ;;
+  amd64) machine='X86-64' ;;
+  armhf) machine='ARM' ;;
   *) fail "no checks for architecture '$arch'" ;;
 esac
 
