@@ -77,6 +77,12 @@ class Block:
     def where(self):
         return f"{self.page}:{self.line}"
 
+    @property
+    def fixture(self):
+        """What board=FIXTURE names; a bare "board" is a board kept up."""
+        name = self.mark("board")
+        return "board" if name == "" else name
+
     def mark(self, key):
         for m in self.marks:
             if m == key:
@@ -125,14 +131,21 @@ def read_blocks(errors):
                 if build is not None and lang not in ("c", "cpp"):
                     errors.append(f"{b.where}: build= is for C and C++ blocks")
             elif marks[:1] == ["run"] and lang in ("sh", "bash", "c", "cpp"):
-                fixture = b.mark("board")
-                if fixture is not None and fixture not in FIXTURES:
-                    errors.append(f"{b.where}: unknown fixture {fixture!r} ({', '.join(FIXTURES)})")
+                if b.fixture is not None and b.fixture not in FIXTURES:
+                    errors.append(f"{b.where}: unknown fixture {b.fixture!r} ({', '.join(FIXTURES)})")
                 last_run = b
             else:
                 errors.append(f"{b.where}: a ```{lang} block needs a mark: run, or skip=REASON ({', '.join(SKIP_REASONS)})")
             blocks.append(b)
     return blocks
+
+
+def estimate(block):
+    """Rough seconds a block takes: an SDK start is at least 6 s, a dial 11 s more."""
+    fixture = {"web": 30, "dialled": 25, "board": 2}.get(block.fixture, 0)
+    text = "\n".join(block.body)
+    starts = len(re.findall(r"benchkit\b|examples/|cmake --build", text)) + (block.lang in ("c", "cpp"))
+    return fixture + 10 * starts + 12 * len(re.findall(r"online|DialDial", text))
 
 
 def matches(expected, actual):
@@ -220,8 +233,8 @@ class Runner:
         procs, out = [], []
         log = open(work / "background.log", "wb")
         try:
-            if block.mark("board"):
-                self.fixture(block.mark("board"), work, env, log, procs)
+            if block.fixture:
+                self.fixture(block.fixture, work, env, log, procs)
             for text in block.body:
                 line = text.replace("/tmp/unit", str(work / "unit")).strip()
                 if not line or line.startswith("#"):
@@ -304,6 +317,8 @@ def main():
     errors = []
     blocks = read_blocks(errors)
     if args.list:
+        for e in errors:
+            print(f"doc_examples: {e}")
         for b in blocks:
             reason = b.mark("skip") or b.mark("build")
             print(f"{b.where:24} {b.lang:5} {' '.join(b.marks):32} {SKIP_REASONS.get(reason, '')}")
@@ -318,7 +333,7 @@ def main():
     started = time.monotonic()
     failed = 0
     # Longest first, so that the whole run takes little more than its longest block.
-    todo.sort(key=lambda b: (b.mark("board") is None, -len(b.body)))
+    todo.sort(key=lambda b: -estimate(b))
     with concurrent.futures.ThreadPoolExecutor(max_workers=args.jobs) as pool:
         for b, (problem, took) in zip(todo, pool.map(runner.check, todo)):
             what = "built" if b.mark("build") is not None else "ran"
