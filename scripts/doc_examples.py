@@ -48,7 +48,6 @@ SKIP_REASONS = {
                "in CI's werror stage and builds the examples both ways",
     "person": "a person types into a terminal (screen, minicom, CTRL+C)",
     "device": "runs on the unit itself; on a PC the program stops at once with \"fsu: no board here\"",
-    "forever": "runs until it is killed (web mode); the fixture board=web runs it for the web page examples",
     "soak": "runs the soak campaign (3 to 60 minutes); CI's soak stage runs it",
     "watchdog": "waits out the watchdog's 60 s; examples/watchdog shows the same on fsusim in the e2e suite",
 }
