@@ -139,6 +139,19 @@ def read_blocks(errors):
     return blocks
 
 
+def run_bounded(cmd, **kw):
+    """Runs a command in a process group of its own; on a time-out the whole group is killed, so
+    that no board or program of a hung line outlives the test."""
+    proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, start_new_session=True, **kw)
+    try:
+        out, err = proc.communicate(timeout=LINE_TIMEOUT)
+    except subprocess.TimeoutExpired:
+        os.killpg(proc.pid, signal.SIGKILL)
+        proc.communicate()
+        raise RuntimeError(f"{' '.join(cmd)}: did not end within {LINE_TIMEOUT} s")
+    return proc.returncode, out, err
+
+
 def estimate(block):
     """Rough seconds a block takes: an SDK start is at least 6 s, a dial 11 s more."""
     fixture = {"web": 30, "dialled": 25, "board": 2}.get(block.fixture, 0)
@@ -210,11 +223,12 @@ class Runner:
                                           start_new_session=True))
             self.wait_for("benchkit web", lambda: (root / "tmp" / "NetModuleInfo").exists(), 40, procs[-1])
         elif name == "dialled":
-            done = subprocess.run([str(self.build / "examples" / "dial" / "dial")], input=b"dial\nonline 40\n",
-                                  env=board_env, cwd=work, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                                  timeout=LINE_TIMEOUT)
-            if b"online reached" not in done.stdout:
-                raise RuntimeError("fixture dialled: examples/dial did not see the link up:\n" + done.stdout.decode(errors="replace")[-2000:])
+            (work / "dial.in").write_bytes(b"dial\nonline 40\n")
+            with open(work / "dial.in", "rb") as requests:
+                _, stdout, _ = run_bounded([str(self.build / "examples" / "dial" / "dial")], env=board_env, cwd=work,
+                                           stdin=requests, stderr=subprocess.STDOUT)
+            if b"online reached" not in stdout:
+                raise RuntimeError("fixture dialled: examples/dial did not see the link up:\n" + stdout.decode(errors="replace")[-2000:])
 
     @staticmethod
     def stop(procs):
@@ -246,15 +260,12 @@ class Runner:
                     procs.append(self.board_up(root if root.is_absolute() else work / root, words[words.index("--root") + 2:], env, log))
                     continue
                 started = time.monotonic()
-                try:
-                    done = subprocess.run(["bash", "-c", line], cwd=work, env=env, stdin=subprocess.DEVNULL,
-                                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=LINE_TIMEOUT)
-                except subprocess.TimeoutExpired:
-                    raise RuntimeError(f"{text.strip()}\n  did not end within {LINE_TIMEOUT} s")
-                text_out = done.stdout.decode("utf-8", errors="replace")
+                status, stdout, _ = run_bounded(["bash", "-c", line], cwd=work, env=env, stdin=subprocess.DEVNULL,
+                                                stderr=subprocess.STDOUT)
+                text_out = stdout.decode("utf-8", errors="replace")
                 out.append(text_out)
-                if done.returncode != 0:
-                    raise RuntimeError(f"{text.strip()}\n  exited {done.returncode} after {time.monotonic() - started:.1f} s:\n{text_out[-3000:]}")
+                if status != 0:
+                    raise RuntimeError(f"{text.strip()}\n  exited {status} after {time.monotonic() - started:.1f} s:\n{text_out[-3000:]}")
         finally:
             self.stop(procs)
             log.close()
@@ -276,15 +287,11 @@ class Runner:
         if block.mark("build") is not None:
             return ""
         options = block.marks[1:]
-        try:
-            done = subprocess.run([self.fsusim, "run"] + options + ["--", "./snippet"], cwd=work, env=self.env,
-                                  stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                  timeout=LINE_TIMEOUT)
-        except subprocess.TimeoutExpired:
-            raise RuntimeError(f"did not end within {LINE_TIMEOUT} s")
-        out = done.stdout.decode("utf-8", errors="replace")
-        if done.returncode != 0:
-            raise RuntimeError(f"exited {done.returncode}:\n{out[-2000:]}\n{done.stderr.decode(errors='replace')[-1000:]}")
+        status, stdout, stderr = run_bounded([self.fsusim, "run"] + options + ["--", "./snippet"], cwd=work,
+                                             env=self.env, stdin=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        out = stdout.decode("utf-8", errors="replace")
+        if status != 0:
+            raise RuntimeError(f"exited {status}:\n{out[-2000:]}\n{stderr.decode(errors='replace')[-1000:]}")
         return out
 
     def check(self, block):
