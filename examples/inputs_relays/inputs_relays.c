@@ -62,7 +62,7 @@ int main(void) {
   char resources[1024];
   int n = 0, value = 0;
 
-  InitializeSDK(); /* about 3 s: the boards answer, then the SDK counts them */
+  InitializeSDK(); /* at least 6 s: the boards answer and are counted, the receiver gets its mode */
   if (ReadFSUResource(resources, sizeof resources) == 0) printf("\ninputs_relays: resources %s\n", resources);
   printf("inputs_relays: ready\n");
   fflush(stdout);
