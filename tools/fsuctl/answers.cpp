@@ -17,6 +17,8 @@ std::optional<double> number_at(std::string_view text) {
   std::size_t end = i;
   if (end < text.size() && text[end] == '-') ++end;
   while (end < text.size() && (digit(text[end]) || text[end] == '.')) ++end;
+  // The number must end where the report's text goes on: "1e999" or "2.5x" is no reading.
+  if (end < text.size() && std::string_view(" ,;\r\n").find(text[end]) == std::string_view::npos) return std::nullopt;
   const std::string word(text.substr(i, end - i));
   if (word.empty() || word == "-" || word == ".") return std::nullopt;
   char* stop = nullptr;

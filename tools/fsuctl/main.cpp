@@ -375,6 +375,7 @@ void position(Report& r, bool through_web, double seconds) {
   if (through_web) {
     const auto report = fsuctl::report_position(ask_or_exit(r, "/tmp/web_read_gps_info", "/tmp/gps_rt_info"));
     if (!report) fail(kFailure, "position: the SDK program's position report cannot be read");
+    if ((*report)[0] == 0 && (*report)[1] == 0) fail(kFailure, "position: the SDK program has no fix");
     values = *report;
     // The report gives degrees without their hemispheres.
     r.add("hemispheres", "null");
