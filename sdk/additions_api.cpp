@@ -28,7 +28,7 @@ constexpr ResultText kResultTexts[] = {
     {FSU_ERR_NO_ANSWER, "no answer yet: the board, receiver or modem has not answered since the SDK started"},
     {FSU_ERR_COM_PARAM, "serial port: bad parameter (slot, buffer or line setting)"},
     {FSU_ERR_COM_IO, "serial port: read or write failed or timed out"},
-    {FSU_ERR_COM_DEVICE, "serial port: the device cannot be opened or configured"},
+    {FSU_ERR_COM_DEVICE, "serial port: the device is missing, not open or cannot be set up"},
 };
 
 // Registered with a network: the registration status 1 (home) or 5 (roaming) of AT+CREG, kept
