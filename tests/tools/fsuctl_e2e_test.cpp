@@ -90,9 +90,10 @@ TEST(Fsuctl, AWrongPointOrCommandGivesExitTwoAndAUnitThatIsNotRunningExitOneWith
     EXPECT_EQ(lines(r.err), 1) << r.err;
     EXPECT_EQ(r.out, "");
   }
-  box.write("/sim/board.pid", "4194305x\n");  // no process of that number, and not even a number
+  // No pid file, then one naming no process (and not even a number).
   for (const char* command : {"ai", "di"}) {
     const Ran r = fsuctl(box, {command, "3"});
+    box.write("/sim/board.pid", "4194305x\n");
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "fsuctl: the simulated unit in " + box.root() + " is not running\n");
     EXPECT_EQ(r.out, "");

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -117,6 +118,7 @@ std::string json_text(const std::string& text) {
 }
 
 std::string json_number(double value) {
+  if (!std::isfinite(value)) return "null";
   char text[64];
   std::snprintf(text, sizeof text, "%.6f", value);
   return text;

@@ -143,6 +143,7 @@ std::optional<std::string> ask(const Unit& unit, const char* request, const char
   const std::string answer_path = unit.path(answer);
   const Stamp before = stamp(answer_path);
   const std::string aside = request_path + ".fsuctl." + std::to_string(::getpid());
+  ::unlink(aside.c_str());  // left by an earlier fsuctl of the same number that was killed
   const int fd = ::open(aside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (fd < 0) return std::nullopt;
   const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
