@@ -38,7 +38,7 @@ constexpr double kAnswerSeconds = 5;
 constexpr double kBoardSeconds = 6;
 
 constexpr char kUsage[] =
-    "usage: fsuctl [--json] COMMAND\n"
+    "usage: fsuctl [--json] COMMAND [ARG...]\n"
     "  ai N                     analogue input N (1-16, or Local/AI/N): volts and milliamperes\n"
     "  di N                     digital input N (1-24): 1 contact closed, 0 open\n"
     "  do N on|off              switch relay output N (1-8) and wait for the board to take it\n"
@@ -100,22 +100,62 @@ bool wait_for(double seconds, const std::function<bool()>& done) {
   }
 }
 
-std::string json_text(const std::string& text) {
-  std::string s = "\"";
-  for (const unsigned char c : text) {
-    if (c == '"' || c == '\\') {
+// The length of the well-formed UTF-8 sequence at text[i] (1 to 4), or 0.
+std::size_t utf8_length(const std::string& text, std::size_t i) {
+  const auto byte = [&](std::size_t k) { return k < text.size() ? static_cast<unsigned char>(text[k]) : 0u; };
+  const unsigned lead = byte(i);
+  if (lead < 0x80) return 1;
+  std::size_t n = 0;
+  unsigned low = 0x80, high = 0xBF;  // the range of the second byte
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    n = 2;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    n = 3;
+    low = lead == 0xE0 ? 0xA0 : low;
+    high = lead == 0xED ? 0x9F : high;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    n = 4;
+    low = lead == 0xF0 ? 0x90 : low;
+    high = lead == 0xF4 ? 0x8F : high;
+  } else {
+    return 0;
+  }
+  if (byte(i + 1) < low || byte(i + 1) > high) return 0;
+  for (std::size_t k = 2; k < n; ++k) {
+    if ((byte(i + k) & 0xC0) != 0x80) return 0;
+  }
+  return n;
+}
+
+// Text that came from the unit (a web answer in /tmp is anyone's) as a JSON string, or, for a
+// person's terminal, as a line: control characters escaped or replaced, every byte that is
+// not well-formed UTF-8 replaced by U+FFFD, so that neither the JSON nor the terminal breaks.
+std::string clean_text(const std::string& text, bool json) {
+  std::string s;
+  for (std::size_t i = 0; i < text.size();) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    const std::size_t n = utf8_length(text, i);
+    if (n == 0) {
+      s += "\xEF\xBF\xBD";
+      ++i;
+      continue;
+    }
+    if (json && (c == '"' || c == '\\')) {
       s += '\\';
       s += static_cast<char>(c);
-    } else if (c < 0x20) {
+    } else if (c < 0x20 || c == 0x7f) {
       char escaped[8];
       std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-      s += escaped;
+      s += json ? escaped : " ";
     } else {
-      s += static_cast<char>(c);
+      s.append(text, i, n);
     }
+    i += n;
   }
-  return s + "\"";
+  return s;
 }
+
+std::string json_text(const std::string& text) { return "\"" + clean_text(text, true) + "\""; }
 
 std::string json_number(double value) {
   if (!std::isfinite(value)) return "null";
@@ -188,7 +228,7 @@ double timeout_or_exit(const std::vector<std::string>& args, std::size_t at, dou
   char* end = nullptr;
   const double s = std::strtod(args[at + 1].c_str(), &end);
   if (end == args[at + 1].c_str() || *end != '\0' || !(s > 0 && s <= 3600)) {
-    fail(kUsageError, "%s: --timeout takes seconds, 0 to 3600", args[0].c_str());
+    fail(kUsageError, "%s: --timeout takes seconds, more than 0 and at most 3600", args[0].c_str());
   }
   return s;
 }
@@ -349,7 +389,7 @@ void modem(Report& r, bool through_web, double seconds) {
     const std::string sim = at == std::string::npos ? answer : answer.substr(at + 2);
     r.add("sim", json_text(sim));
     r.say_way();
-    r.done("SIM: " + sim);
+    r.done("SIM: " + clean_text(sim, false));
   }
   start_sdk(r);
   char identities[512] = {};
@@ -426,9 +466,14 @@ int main(int argc, char** argv) {
   keep_own_output();
   std::vector<std::string> args(argv + 1, argv + argc);
   Report r;
-  if (!args.empty() && args[0] == "--json") {
-    r.json = true;
-    args.erase(args.begin());
+  // --json may stand anywhere on the line.
+  for (auto it = args.begin(); it != args.end();) {
+    if (*it == "--json") {
+      r.json = true;
+      it = args.erase(it);
+    } else {
+      ++it;
+    }
   }
   if (args.empty()) {
     std::fputs(kUsage, err);
