@@ -25,7 +25,8 @@ void publish_gps_info(const GpsInfo& info) {
 GpsFix gps_fix() {
   std::lock_guard<std::mutex> lock(record_lock);
   const GpsInfo& r = STR_GPS_INFO;
-  return GpsFix{r.longitude, r.latitude, r.altitude, r.gps_in_view, r.gps_used, r.bd_in_view, r.bd_used, r.gps_time};
+  return GpsFix{r.longitude, r.latitude, r.altitude, r.gps_in_view, r.gps_used, r.bd_in_view, r.bd_used, r.gps_time,
+                r.south, r.west};
 }
 
 }  // namespace fsu::gps

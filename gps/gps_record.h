@@ -17,6 +17,8 @@ struct GpsFix {
   float bd_in_view = 0;
   float bd_used = 0;
   std::int32_t gps_time = 0;  // seconds from the last valid ZDA; 0 until one arrives
+  bool south = false;  // the hemispheres the last fix named (S, W); the degrees above stay unsigned
+  bool west = false;
 };
 
 GpsFix gps_fix();
@@ -38,6 +40,8 @@ struct GpsInfo {
   std::int32_t bd_sat_id[kSatSlots] = {};
   std::int32_t bd_cn0[kSatSlots] = {};
   std::int32_t gps_time = 0;
+  bool south = false;  // hemispheres of the last fix, kept beside the device's unsigned degrees
+  bool west = false;
 };
 
 // The record as the last parse pass (or the last clear) left it, copied whole.

@@ -343,12 +343,16 @@ void Reader::rmc(const Sentence& s) {
   if (s.field(2) == "V") return;
   work_.latitude = coordinate(s.field(3), 2);
   work_.longitude = coordinate(s.field(5), 3);
+  work_.south = s.field(4) == "S";
+  work_.west = s.field(6) == "W";
 }
 
 void Reader::gga(const Sentence& s) {
   if (s.field(2).empty()) return;
   work_.latitude = coordinate(s.field(2), 2);
   work_.longitude = coordinate(s.field(4), 3);
+  work_.south = s.field(3) == "S";
+  work_.west = s.field(5) == "W";
   work_.altitude = static_cast<float>(to_decimal(s.field(9))) + static_cast<float>(to_decimal(s.field(11)));
 }
 

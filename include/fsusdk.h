@@ -141,6 +141,42 @@ int BSP_SET_UART_LOG(int port, int limit);
 int BSP_UART_SEND_CMD(int port, int wait_sec, int baud, int data_bits, int stop_bits, int parity,
                       const char *cmd, int cmd_len, char *reply, int reply_size);
 
+/* ---- Our additions: results in words, board answer ages, modem state, signed position ----
+ * Not calls of the device's SDK; the calls above keep their behaviour (docs/api.md, "Our
+ * additions"). */
+
+/* Results of the calls, and the error numbers of the serial driver's "ErrNo:0x..." lines. */
+#define FSU_OK 0
+#define FSU_ERR_FAILED (-1)
+#define FSU_ERR_UNSUPPORTED (-2)
+#define FSU_ERR_NO_ANSWER (-3)
+#define FSU_ERR_COM_PARAM 0x01020001
+#define FSU_ERR_COM_IO 0x01020002
+#define FSU_ERR_COM_DEVICE 0x01020004
+/* A short English text for a result or driver error number, as strerror gives one for errno;
+ * never null, "unknown result" for a number the SDK does not give. */
+const char *FsuErrorText(int code);
+
+/* The boards whose answers carry the points: extension boards 1 and 2, the environment board. */
+#define FSU_BOARD_EXTENSION_1 1
+#define FSU_BOARD_EXTENSION_2 2
+#define FSU_BOARD_ENVIRONMENT 3
+/* Seconds since the board last answered into *seconds: 0, or FSU_ERR_NO_ANSWER (seconds -1)
+ * while it has not answered since the SDK started; -1 for another board or a null pointer. */
+int FsuBoardAnswerAge(int board, double *seconds);
+
+/* The modem's state as one value, each including the ones before it. */
+#define FSU_MODEM_ABSENT 0     /* no known modem on USB */
+#define FSU_MODEM_ON_USB 1     /* found on USB, not registered with a network */
+#define FSU_MODEM_REGISTERED 2 /* registered (home or roaming), no data link */
+#define FSU_MODEM_ONLINE 3     /* the data link has an address */
+int FsuModemState(void);
+
+/* The last fix in signed degrees: latitude north positive, south negative; longitude east
+ * positive, west negative. 0, or FSU_ERR_NO_ANSWER (both 0) while there is no fix; -1 for a
+ * null pointer. */
+int FsuGetPosition(double *latitude, double *longitude);
+
 #ifdef __cplusplus
 }
 #endif

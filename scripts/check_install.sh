@@ -49,3 +49,6 @@ for way in cmake make; do
   grep -q 'received 25 bytes' <<<"$out" || fail "uart_echo built with $way: $out"
 done
 echo "check_install: the examples build as C programs with find_package and with pkg-config; uart_echo runs on fsusim"
+
+[ "$(env -u FSU_ROOT "$prefix/bin/fsuctl" version)" = "SE-$header_version" ] || fail "the installed fsuctl does not give the version"
+echo "check_install: fsuctl is installed beside benchkit"

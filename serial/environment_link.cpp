@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "platform/clock.h"
+#include "serial/board_answers.h"
 #include "sdk/resource_catalogue.h"
 #include "serial/extension_link.h"
 #include "serial/frame_codec.h"
@@ -189,6 +190,7 @@ void env_answer_handler(const std::uint8_t* data, std::int32_t length, std::int3
       sdk::PAR_SET_M_ENV_EXIST_STATUS(1);
       decode_env_answer(rec.aucData, static_cast<std::size_t>(gathered), cycle, STR_BSP_ENV_INFO);
       sdk::PAR_SET_EXT_ENV_EXIST_STATUS(1);
+      note_board_answer(kEnvironmentBoard, platform::monotonic_seconds());
       STR_BSP_ENV_INFO.nUpdateTime.store(static_cast<std::int32_t>(support::READ_SYSTEM_UnixTime()),
                                          std::memory_order_relaxed);
     } else {

@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "platform/clock.h"
+#include "serial/board_answers.h"
 #include "sdk/resource_catalogue.h"
 #include "serial/environment_link.h"
 #include "serial/frame_codec.h"
@@ -140,6 +141,7 @@ void ext_handle_frame(const ExtReader& reader, const std::uint8_t* frame, std::i
   const std::uint8_t command = frame[3];
   const std::uint8_t* data = frame + 4;
   support::SDK_LOG_WRITE(support::SDK_LOG_SO, "CID=%02x nLength=%d\r\n", command, len);
+  if (reader.slot == 4 || reader.slot == 5) note_board_answer(reader.slot == 4 ? 1 : 2, platform::monotonic_seconds());
   if (command == 0x41) {
     if (reader.slot == 4) sdk::PAR_SET_M_COM_EXIST_STATUS(1);
     if (reader.slot == 5) sdk::PAR_SET_EXT_COM_EXIST_STATUS(1);

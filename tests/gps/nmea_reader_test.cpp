@@ -8,6 +8,7 @@
 #include <tuple>
 #include <vector>
 
+#include "fsusdk.h"
 #include "gps/gps_record.h"
 #include "gps/nmea_reader.h"
 #include "gps/signal_report.h"
@@ -40,6 +41,9 @@ struct NmeaReader : ::testing::Test {
 TEST_F(NmeaReader, ParsesOnlyBatchesAboveTheThresholdAndReadsPositionInSinglePrecision) {
   EXPECT_EQ(read_batch(kGga, 1024), -1);
   EXPECT_EQ(gps_fix().latitude, 0);
+  double latitude = 1, longitude = 1;
+  EXPECT_EQ(FsuGetPosition(&latitude, &longitude), FSU_ERR_NO_ANSWER);
+  EXPECT_EQ(std::pair(latitude, longitude), std::pair(0.0, 0.0));
   EXPECT_EQ(read_batch(kGga, 1025), 0);
   const GpsFix fix = gps_fix();
   EXPECT_FLOAT_EQ(static_cast<float>(fix.latitude), 48.1173f);
@@ -63,6 +67,15 @@ TEST_F(NmeaReader, ParsesOnlyBatchesAboveTheThresholdAndReadsPositionInSinglePre
   read_batch(kGga.substr(0, kGga.size() - 2) + kSouth);  // glued to the sentence before it
   EXPECT_FLOAT_EQ(static_cast<float>(gps_fix().latitude), 33.85f);
   EXPECT_FLOAT_EQ(static_cast<float>(gps_fix().longitude), 151.20833f);
+  // Our signed position: the hemispheres of the sentence that gave the fix, RMC or GGA.
+  EXPECT_EQ(FsuGetPosition(&latitude, &longitude), FSU_OK);
+  EXPECT_FLOAT_EQ(static_cast<float>(latitude), -33.85f);
+  EXPECT_FLOAT_EQ(static_cast<float>(longitude), 151.20833f);
+  read_batch(nmea("GPGGA,123519,4807.038,N,01131.000,W,1,08,0.9,545.4,M,46.9,M,,"));
+  EXPECT_EQ(FsuGetPosition(&latitude, &longitude), FSU_OK);
+  EXPECT_FLOAT_EQ(static_cast<float>(latitude), 48.1173f);
+  EXPECT_FLOAT_EQ(static_cast<float>(longitude), -11.516667f);
+  EXPECT_EQ(FsuGetPosition(nullptr, &longitude), FSU_ERR_FAILED);
 }
 
 TEST_F(NmeaReader, ZdaGivesUtcPlusEightHoursCorrectedByItsZone) {

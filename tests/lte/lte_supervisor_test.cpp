@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "fsusdk.h"
 #include "lte/lte_supervisor.h"
 #include "lte/ntu.h"
 #include "support/sdk_log.h"
@@ -35,7 +36,9 @@ TEST_F(Supervisor, SavedIdentitiesSkipTheirQueriesAndAnUnregisteredModemIsNotDia
   EXPECT_STREQ(ntu_texts().cimi, "460029999999999");
   ASSERT_TRUE(unit.control({"modem registered no"}).empty());
   NTU.pppdstart.store(1);
+  EXPECT_EQ(FsuModemState(), FSU_MODEM_ABSENT);
   lte_pass(0);
+  EXPECT_EQ(FsuModemState(), FSU_MODEM_ON_USB);
   EXPECT_EQ(unit.box.read("/tmp/Globalp.ini"), "cimi=460029999999999\nimei=860000000000001\ncsq=-61\n");
   EXPECT_NE(unit.box.read("/tmp/sdklog.log").find("LTE SYS NO CSQ!"), std::string::npos);
   EXPECT_EQ(unit.box.calls().find("lte.sh"), std::string::npos);
@@ -49,6 +52,7 @@ TEST_F(Supervisor, IdentitiesAreTheModemsOwnWellFormedAnswersAndAreAskedAgainFor
   // A late reply and unsolicited lines wait on the closed port: they answer no later command.
   ASSERT_TRUE(unit.control({"modem unsolicited +CSQ: 24,99", "modem unsolicited OK", "modem unsolicited RDY"}).empty());
   lte_pass(0);
+  EXPECT_EQ(FsuModemState(), FSU_MODEM_REGISTERED);
   EXPECT_EQ(unit.box.read("/tmp/Globalp.ini"), "cimi=460001234567890\nimei=866123456789012\ncsq=-61\n");
   // Another modem, or one plugged back, may carry another SIM.
   ASSERT_TRUE(unit.control({"modem imsi 460017777777777", "modem row 11"}).empty());
@@ -56,8 +60,10 @@ TEST_F(Supervisor, IdentitiesAreTheModemsOwnWellFormedAnswersAndAreAskedAgainFor
   EXPECT_STREQ(ntu_texts().cimi, "460017777777777");
   ASSERT_TRUE(unit.control({"modem unplug"}).empty());
   lte_pass(4);
+  EXPECT_EQ(FsuModemState(), FSU_MODEM_ABSENT);
   ASSERT_TRUE(unit.control({"modem imei 866000000000009", "modem plug"}).empty());
   lte_pass(6);
+  EXPECT_EQ(FsuModemState(), FSU_MODEM_REGISTERED);
   EXPECT_STREQ(ntu_texts().imei, "866000000000009");
 }
 
@@ -81,6 +87,7 @@ TEST_F(Supervisor, SharedPortRowsQueryOnlyWhileTheLinkIsDownAndAPulledModemIsOff
     for (int pass = 0; pass < 6; ++pass) lte_pass(pass);
     EXPECT_STREQ(ntu_texts().lteip, "10.64.12.34");
     EXPECT_TRUE(ntu_online());
+    EXPECT_EQ(FsuModemState(), FSU_MODEM_ONLINE);
     EXPECT_EQ(commands(), heard) << row;
     ASSERT_TRUE(unit.control({"modem link-drop"}).empty());
     lte_pass(6);

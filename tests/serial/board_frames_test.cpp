@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "fsusdk.h"
+#include "platform/clock.h"
 #include "sdk/resource_catalogue.h"
 #include "serial/environment_link.h"
 #include "serial/frame_codec.h"
@@ -238,6 +240,9 @@ TEST(EnvironmentGathering, WaitsUpTo17BytesDiscardsShortAnswersDecodesWholeAnswe
   EXPECT_EQ(feed(text, 17, 168), 0);  // 185 bytes: one short
   EXPECT_EQ(feed(noise), 0);
   EXPECT_EQ(std::pair(decodes(), env_answers_dropped()), std::pair(0, 1u));
+  double age = 0;
+  EXPECT_EQ(FsuBoardAnswerAge(FSU_BOARD_ENVIRONMENT, &age), FSU_ERR_NO_ANSWER);  // noise is no answer
+  EXPECT_EQ(age, -1);
   EXPECT_EQ(REAG_ENV_BOARD_RIGHT_FG(), 1);
   EXPECT_EQ(REAG_ENV_BOARD_RIGHT_FG(), 0);
   EXPECT_EQ(feed(text, 0, 10), 10);
@@ -245,14 +250,23 @@ TEST(EnvironmentGathering, WaitsUpTo17BytesDiscardsShortAnswersDecodesWholeAnswe
   EXPECT_EQ(decodes(), 2);
   EXPECT_NEAR(STR_BSP_ENV_INFO.fAiVolt[0].load(), 1.6, 1e-5);
   EXPECT_GT(STR_BSP_ENV_INFO.nUpdateTime.load(), 0);
+  EXPECT_EQ(FsuBoardAnswerAge(FSU_BOARD_ENVIRONMENT, &age), FSU_OK);
+  EXPECT_LT(age, 1);
+  platform::advance_monotonic_for_tests(30);  // the readings below stay those of this answer, 30 s old
   for (std::uint32_t k = 0; k < std::size(broken); ++k) {
     feed(broken[k]);
     EXPECT_EQ(std::pair(reading(), env_answers_dropped()), std::pair(std::pair(std::uint16_t{0x5000}, std::uint8_t{1}), k + 2)) << k;
   }
   EXPECT_EQ(feed(text + std::string(5000, '0')), 0);  // never past the record's 4096 bytes
   EXPECT_EQ(LIST_MCOM_RECV_INFO[kEnvAnswerRecord].aucData[0], 0);
+  EXPECT_EQ(FsuBoardAnswerAge(FSU_BOARD_ENVIRONMENT, &age), FSU_OK);
+  EXPECT_GE(age, 30);
+  EXPECT_EQ(FsuBoardAnswerAge(FSU_BOARD_EXTENSION_1, &age), FSU_ERR_NO_ANSWER);
+  EXPECT_EQ(FsuBoardAnswerAge(4, &age) + FsuBoardAnswerAge(0, &age) + FsuBoardAnswerAge(3, nullptr), 3 * FSU_ERR_FAILED);
   feed(seal("21014100", info + "00"));  // an answer of another length, whole by its own LENGTH
   EXPECT_EQ(std::pair(reading(), env_answers_dropped()), std::pair(std::pair(std::uint16_t{0x1111}, std::uint8_t{0}), 11u));
+  EXPECT_EQ(FsuBoardAnswerAge(FSU_BOARD_ENVIRONMENT, &age), FSU_OK);
+  EXPECT_LT(age, 1);
 }
 
 TEST(RelayCommand, CarriesRequestsThenFollowsTheBoard) {

@@ -272,8 +272,13 @@ TEST_F(Serial, VirtualPortAnswersEachWriteOnceAndItsAttributeSurvivesARestart) {
 
 TEST_F(Serial, LinkFramesReachTheirDestinationsThroughSplitsGarbageAndFullBuffers) {
   const std::string q("\x7E\x00\x03\x51\x31\x32\x33\x99\x0D", 9);  // the sum is not checked
+  double age = 0;
+  feed(board1_, std::string(40, '\x55'));  // garbage is no answer
   feed(board2_, q + frame(0x52, "r") + frame(0x50, "p"));
   EXPECT_EQ(record(8) + record(9) + record(10), "pr123");  // board 2's channels 1 and 2 crossed
+  EXPECT_EQ(std::pair(FsuBoardAnswerAge(FSU_BOARD_EXTENSION_1, &age), FsuBoardAnswerAge(FSU_BOARD_EXTENSION_2, &age)),
+            std::pair(FSU_ERR_NO_ANSWER, FSU_OK));
+  EXPECT_LT(age, 1);
   EXPECT_TRUE(logged("CID=51 nLength=3\r\n") && logged("EXT_M_COM_READ_THREAD com 10 sol_index=5 recv info len=3/3/3"));
   feed(board1_, frame(0x50, "ab") + frame(0x50, "cd") + q);
   const std::string split = frame(0x53, "xyz");
