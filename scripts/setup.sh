@@ -23,6 +23,7 @@ for extra in "$@"; do
     asan | tsan | fuzz) extras+=(clang libclang-rt-dev llvm) ;;  # llvm: llvm-symbolizer
     coverage) extras+=(gcovr) ;;
     armhf) extras+=(g++-arm-linux-gnueabihf qemu-user) ;;
+    container) extras+=(podman mmdebstrap runc catatonit) ;;
     soak) extras+=(clang libclang-rt-dev llvm gnuplot-nox) ;;
     *) extras+=("$extra") ;;
   esac

@@ -6,6 +6,8 @@
 #   werror    gcc, warnings as errors, the whole suite, then the build    build-ci/
 #             installed and used by C programs (scripts/check_install.sh),
 #             and its Debian packages installed and used (scripts/packages.sh)
+#   container the unit's image from build-ci's Debian packages, three units of it
+#             from deploy/fleet.yaml under podman (scripts/container.sh)
 #   asan      clang, ASan+UBSan halting on the first report, the suite  build-asan/
 #   tsan      clang, ThreadSanitizer, the suite                         build-tsan/
 #   fuzz      every fuzz target for 30 s on its seeds (scripts/fuzz.sh) build-fuzz/
@@ -20,7 +22,7 @@
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
-all_stages=(werror asan tsan fuzz coverage armhf soak)
+all_stages=(werror container asan tsan fuzz coverage armhf soak)
 stages=("$@")
 [ ${#stages[@]} -gt 0 ] || stages=("${all_stages[@]}")
 for stage in "${stages[@]}"; do
@@ -74,6 +76,9 @@ stage_werror() {
     bash scripts/check_install.sh build-ci &&
     bash scripts/packages.sh build-ci
 }
+
+# The unit's image from werror's packages, and three units of it from the Kubernetes manifests.
+stage_container() { bash scripts/container.sh test build-ci; }
 
 stage_asan() { sanitized_suite address build-asan; }
 
