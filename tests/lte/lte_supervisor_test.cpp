@@ -1,7 +1,9 @@
 // Supervisor passes against the simulated modem, run in this process on a board of its own.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <string>
+#include <utility>
 
 #include "lte/lte_supervisor.h"
 #include "lte/ntu.h"
@@ -73,7 +75,7 @@ TEST_F(Supervisor, AfterNoiseWithXoffAndAnEndlessLineTheNextCycleReachesTheModem
 }
 
 TEST_F(Supervisor, SharedPortRowsQueryOnlyWhileTheLinkIsDownAndAPulledModemIsOfflineAtOnce) {
-  for (const char* row : {"18", "11"}) {  // every row whose AT port is its data port
+  for (const char* row : {"18", "11", "12", "13"}) {  // every row whose AT port is its data port
     data_init();
     ASSERT_TRUE(unit.control({std::string("modem row ") + row, "modem dial"}).empty());
     ASSERT_TRUE(sim::state_shows(unit.box, "link ppp0 ", "state=up"));
@@ -105,19 +107,32 @@ TEST_F(Supervisor, TheGenerationIsWhatTheModemSaysInItsLongerShapes) {
     EXPECT_STREQ(ntu_texts().nettype, "3") << row;
     EXPECT_NE(unit.box.calls().find("lte.sh"), std::string::npos) << row;
   }
+  // Row 17 answers the IMSI behind "+CIMI: ".
+  std::remove(unit.box.path(kGlobalpFile).c_str());
+  data_init();
+  ASSERT_TRUE(unit.control({"modem row 17"}).empty());
+  lte_pass(0);
+  EXPECT_STREQ(ntu_texts().cimi, "460001234567890");
+  EXPECT_EQ(NTU.CardStat.load(), 1);
 }
 
-TEST_F(Supervisor, ADialPostedWithAHardRestartIsServedOnceTheModemIsBack) {
+TEST_F(Supervisor, ADialPostedWithAHardRestartIsServedOnceTheModemIsBackAndAHangUpStopsPppd) {
   data_init();
   ASSERT_TRUE(unit.control({"modem boot-delay 2"}).empty());
   lte_pass(0);
   NTU.pppdstart.store(1);
+  NTU.softreboot.store(1);  // dropped: the hard restart restarts the modem anyway
   NTU.hardreboot.store(1);
   int pass = 1;  // passes without their 1 s sleep: the modem takes 2 s to come back
   EXPECT_TRUE(sim::poll_until(10, [&] { return lte_pass(pass++), NTU.pppdstart.load() == 0; }));
   EXPECT_NE(unit.box.calls().find("lte.sh"), std::string::npos) << unit.box.calls();
   EXPECT_TRUE(sim::state_shows(unit.box, "modem ", "power_cycles=1"));
   EXPECT_TRUE(sim::state_shows(unit.box, "link ppp0 ", "state=up"));  // dialled after the power came back
+  EXPECT_EQ(std::pair(NTU.softreboot.load(), sim::modem_count(unit.box, "restarts")), std::pair(0, 0L));
+  NTU.pppdend.store(1);
+  lte_pass(pass);
+  EXPECT_NE(unit.box.calls().find("killall pppd"), std::string::npos) << unit.box.calls();
+  EXPECT_TRUE(sim::state_shows(unit.box, "link ppp0 ", "state=down"));
 }
 
 TEST_F(Supervisor, SixteenFailedProbesOnRowSixteenBeforeTheFirstPowerCycle) {
