@@ -1,7 +1,6 @@
 // Supervisor passes against the simulated modem, run in this process on a board of its own.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 #include <utility>
 
@@ -98,6 +97,12 @@ TEST_F(Supervisor, SharedPortRowsQueryOnlyWhileTheLinkIsDownAndAPulledModemIsOff
 }
 
 TEST_F(Supervisor, TheGenerationIsWhatTheModemSaysInItsLongerShapes) {
+  // Row 17 answers the IMSI behind "+CIMI: "; with no link yet, its query alone marks the card.
+  data_init();
+  ASSERT_TRUE(unit.control({"modem row 17"}).empty());
+  lte_pass(0);
+  EXPECT_STREQ(ntu_texts().cimi, "460001234567890");
+  EXPECT_EQ(std::pair(NTU.CardStat.load(), ntu_online()), std::pair(1, false));
   for (const char* row : {"10", "18"}) {  // ^SYSINFO with a blank and seven fields; +CREG and +COPS for the dial
     data_init();
     EXPECT_STREQ(ntu_texts().nettype, "0");  // nothing said yet
@@ -107,13 +112,6 @@ TEST_F(Supervisor, TheGenerationIsWhatTheModemSaysInItsLongerShapes) {
     EXPECT_STREQ(ntu_texts().nettype, "3") << row;
     EXPECT_NE(unit.box.calls().find("lte.sh"), std::string::npos) << row;
   }
-  // Row 17 answers the IMSI behind "+CIMI: ".
-  std::remove(unit.box.path(kGlobalpFile).c_str());
-  data_init();
-  ASSERT_TRUE(unit.control({"modem row 17"}).empty());
-  lte_pass(0);
-  EXPECT_STREQ(ntu_texts().cimi, "460001234567890");
-  EXPECT_EQ(NTU.CardStat.load(), 1);
 }
 
 TEST_F(Supervisor, ADialPostedWithAHardRestartIsServedOnceTheModemIsBackAndAHangUpStopsPppd) {
@@ -128,7 +126,7 @@ TEST_F(Supervisor, ADialPostedWithAHardRestartIsServedOnceTheModemIsBackAndAHang
   EXPECT_NE(unit.box.calls().find("lte.sh"), std::string::npos) << unit.box.calls();
   EXPECT_TRUE(sim::state_shows(unit.box, "modem ", "power_cycles=1"));
   EXPECT_TRUE(sim::state_shows(unit.box, "link ppp0 ", "state=up"));  // dialled after the power came back
-  EXPECT_EQ(std::pair(NTU.softreboot.load(), sim::modem_count(unit.box, "restarts")), std::pair(0, 0L));
+  EXPECT_EQ(unit.box.read("/tmp/sdklog.log").find("无线模块软重启"), std::string::npos);
   NTU.pppdend.store(1);
   lte_pass(pass);
   EXPECT_NE(unit.box.calls().find("killall pppd"), std::string::npos) << unit.box.calls();
