@@ -180,21 +180,23 @@ void AIDI_READ() {
   }
 }
 
+void com_test_pass() {
+  loopback_send(1);
+  platform::sleep_s(1);
+  loopback_read("串口资源 %s 收到数据异常:收到长度%d 的数据: %s");
+  loopback_report("\r\n串口%02d 发送/接收计数 :  %d/%d");
+  loopback_send(2);
+  platform::sleep_s(1);
+  loopback_read("\r\n串口资源 %s 收到数据异常:收到长度%d 的数据: %s");
+  std::puts("\r");
+  loopback_report("串口%02d 发送/接收计数 :  %d/%d\r\n");
+  std::fflush(stdout);
+}
+
 void* COM_TEST_FUN(void*) {
   std::puts("按CTRL+C退出软件,退出后如需测试输入 benchkit 继续测试\r");
   DTUSHARE_init();
-  for (;;) {
-    loopback_send(1);
-    platform::sleep_s(1);
-    loopback_read("串口资源 %s 收到数据异常:收到长度%d 的数据: %s");
-    loopback_report("\r\n串口%02d 发送/接收计数 :  %d/%d");
-    loopback_send(2);
-    platform::sleep_s(1);
-    loopback_read("\r\n串口资源 %s 收到数据异常:收到长度%d 的数据: %s");
-    std::puts("\r");
-    loopback_report("串口%02d 发送/接收计数 :  %d/%d\r\n");
-    std::fflush(stdout);
-  }
+  for (;;) com_test_pass();
 }
 
 namespace {

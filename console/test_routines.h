@@ -24,6 +24,8 @@ void aidi_read_pass();
 // the shared segment, for ever (a thread body: the argument is not used). A port passes when
 // it receives exactly its own test text, as through a loopback plug.
 [[noreturn]] void* COM_TEST_FUN(void* arg);
+// One round of it: the odd ports send, their report a second later, then the even ports.
+void com_test_pass();
 // Item 16: the modem's SIM, IMSI, IMEI, signal and address, and the position; the first call
 // in the process also asks for the data link.
 void NET_MODE_INFO();

@@ -124,8 +124,8 @@ Board::Board(std::string root, BoardOptions options)
   command("di", "di N open|closed (N 1 to 16)", &Board::set_contact);
   command("modem", "modem SETTING [VALUE] (see docs/fsusim.md)", &Board::set_modem);
   command("gps",
-          "gps fix|nofix|silent|noise | gps position LAT LON [ALT [SEP]] | gps time now|YYYY-MM-DDTHH:MM:SS | "
-          "gps sky gps|bd [ID:CN0...]",
+          "gps fix|nofix|cold|silent|noise | gps position LAT LON [ALT [SEP]] | gps time now|YYYY-MM-DDTHH:MM:SS | "
+          "gps sky gps|bd [ID:CN0...] | gps talker gn|split | gps leap SECONDS | gps drop N",
           &Board::set_receiver);
   state_.add_section([this](std::string& out) { describe_board(out); });
   state_.add_section([this](std::string& out) { describe_serial(out); });

@@ -113,6 +113,12 @@ void PositioningReceiver::service(Uart& uart) {
     ++skipped_;
     return;
   }
+  const std::string bytes = next_batch(platform::seconds_now());
+  ++batches_;
+  uart.send({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
+}
+
+std::string PositioningReceiver::next_batch(std::time_t pc_time) {
   std::string bytes;
   if (output_ == Output::kNoise) {
     for (std::size_t i = 0; i < kNoiseBytes; ++i) {
@@ -120,24 +126,35 @@ void PositioningReceiver::service(Uart& uart) {
       bytes += static_cast<char>(noise_ & 0xFF);
     }
   } else {
-    bytes = batch(platform::seconds_now() + time_offset_);
+    bytes = batch(pc_time + time_offset_);
   }
-  ++batches_;
-  uart.send({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
+  if (drop_every_ == 0) {
+    line_bytes_ += bytes.size();
+    return bytes;
+  }
+  // The line loses one byte in drop_every_, counted across batches.
+  std::string kept;
+  for (const char c : bytes) {
+    if (++line_bytes_ % static_cast<std::uint64_t>(drop_every_) != 0) kept += c;
+  }
+  return kept;
 }
 
 std::string PositioningReceiver::batch(std::time_t utc) const {
   std::tm t{};
   gmtime_r(&utc, &t);
   const bool gps = (constellations_ & kGps) != 0, bd = (constellations_ & kBeiDou) != 0;
-  std::string out = fix_sentences(gps && bd ? "GN" : gps ? "GP" : "BD", t);
-  if (gps) out += constellation_sentences("GP", 1, gps_sky_);
-  if (bd) out += constellation_sentences("BD", 4, bd_sky_);
+  std::string out = fix_sentences(gn_talker_ || (gps && bd) ? "GN" : gps ? "GP" : "BD", t);
+  if (gps) out += constellation_sentences(gn_talker_ ? "GN" : "GP", "GP", 1, gps_sky_);
+  if (bd) out += constellation_sentences(gn_talker_ ? "GN" : "BD", "BD", 4, bd_sky_);
   return out;
 }
 
 std::string PositioningReceiver::fix_sentences(std::string_view talker, const std::tm& t) const {
   const std::string tk(talker);
+  if (output_ == Output::kCold) {  // no time and no position yet
+    return sentence(tk + "ZDA,,,,,,") + sentence(tk + "GGA,,,,,,0,00,99.99,,,,,,") + sentence(tk + "RMC,,V,,,,,,,,,,N");
+  }
   const std::string clock = format("%02d%02d%02d.00", t.tm_hour, t.tm_min, t.tm_sec);
   const std::string date = format("%02d%02d%02d", t.tm_mday, t.tm_mon + 1, t.tm_year % 100);
   std::string out = sentence(tk + "ZDA," + clock + format(",%02d,%02d,%04d,00,00", t.tm_mday, t.tm_mon + 1, t.tm_year + 1900));
@@ -156,14 +173,14 @@ std::string PositioningReceiver::fix_sentences(std::string_view talker, const st
   return out + sentence(tk + "RMC," + clock + ",A," + position + ",0.00,0.00," + date + ",,,A");
 }
 
-std::string PositioningReceiver::constellation_sentences(std::string_view talker, int system,
-                                                         const std::vector<Satellite>& sky) const {
-  const std::string tk(talker);
+std::string PositioningReceiver::constellation_sentences(std::string_view gsa_talker, std::string_view gsv_talker,
+                                                         int system, const std::vector<Satellite>& sky) const {
+  const bool fix = output_ != Output::kNoFix && output_ != Output::kCold;
   // The satellites used in the fix: those tracked, at most twelve.
-  std::string gsa = tk + (output_ == Output::kNoFix ? "GSA,A,1" : "GSA,A,3");
+  std::string gsa = std::string(gsa_talker) + (fix ? "GSA,A,3" : "GSA,A,1");
   int listed = 0;
   for (const Satellite& s : sky) {
-    if (output_ != Output::kNoFix && s.cn0 > 0 && listed < 12) {
+    if (fix && s.cn0 > 0 && listed < 12) {
       gsa += format(",%02d", s.id);
       ++listed;
     }
@@ -172,11 +189,11 @@ std::string PositioningReceiver::constellation_sentences(std::string_view talker
   std::string out = sentence(gsa + format(",1.2,0.9,0.8,%d", system));
   const std::size_t messages = std::max<std::size_t>(1, (sky.size() + 3) / 4);
   for (std::size_t m = 0; m < messages; ++m) {
-    std::string gsv = tk + format("GSV,%zu,%zu,%02zu", messages, m + 1, sky.size());
+    std::string gsv = std::string(gsv_talker) + format("GSV,%zu,%zu,%02zu", messages, m + 1, sky.size());
     for (std::size_t i = m * 4; i < sky.size() && i < m * 4 + 4; ++i) {
       const Satellite& s = sky[i];
       gsv += format(",%02d,%02d,%03d,", s.id, 10 + s.id * 37 % 80, s.id * 73 % 360);
-      if (s.cn0 > 0) gsv += format("%02d", s.cn0);
+      if (s.cn0 > 0 && output_ != Output::kCold) gsv += format("%02d", s.cn0);  // a cold receiver tracks none yet
     }
     out += sentence(gsv);
   }
@@ -190,11 +207,13 @@ std::string PositioningReceiver::control(std::span<const std::string_view> args)
   if (what == "position") return set_position(rest);
   if (what == "time") return set_time(rest);
   if (what == "sky") return set_sky(rest);
+  if (what == "talker" || what == "leap" || what == "drop") return set_fault(what, rest);
   if (rest.empty()) {
     const struct {
       std::string_view word;
       Output output;
-    } outputs[] = {{"fix", Output::kFix}, {"nofix", Output::kNoFix}, {"silent", Output::kSilent}, {"noise", Output::kNoise}};
+    } outputs[] = {{"fix", Output::kFix}, {"nofix", Output::kNoFix}, {"silent", Output::kSilent}, {"noise", Output::kNoise},
+                   {"cold", Output::kCold}};
     for (const auto& o : outputs) {
       if (what == o.word) {
         output_ = o.output;
@@ -247,8 +266,27 @@ std::string PositioningReceiver::set_sky(std::span<const std::string_view> args)
   return "";
 }
 
+std::string PositioningReceiver::set_fault(std::string_view what, std::span<const std::string_view> args) {
+  if (args.size() != 1) return "needs one value";
+  if (what == "talker") {
+    if (args[0] != "gn" && args[0] != "split") return "needs gn or split";
+    gn_talker_ = args[0] == "gn";
+    return "";
+  }
+  int n = 0;
+  if (what == "leap") {
+    // Up to ten years either way: a receiver's week number rolling over, or a wrong almanac corrected.
+    if (!whole(args[0], -315360000, 315360000, &n)) return "not seconds within +-315360000: " + quoted_line(args[0]);
+    time_offset_ += n;
+    return "";
+  }
+  if (!whole(args[0], 0, 1000, &n) || n == 1) return "not 0 or one byte in 2 to 1000: " + quoted_line(args[0]);
+  drop_every_ = n;
+  return "";
+}
+
 void PositioningReceiver::describe_state(std::string& out) const {
-  static constexpr const char* kOutputs[] = {"fix", "nofix", "silent", "noise"};
+  static constexpr const char* kOutputs[] = {"fix", "nofix", "silent", "noise", "cold"};
   static constexpr const char* kSystems[] = {"none", "gps", "bd", "gps+bd"};
   std::string heard;
   for (const std::string& h : heard_) {
@@ -256,7 +294,8 @@ void PositioningReceiver::describe_state(std::string& out) const {
     heard += h;
   }
   out += "receiver port=7 output=" + std::string(kOutputs[static_cast<int>(output_)]) +
-         " constellations=" + kSystems[constellations_] + format(" latitude=%.6f longitude=%.6f altitude=%.1f", latitude_, longitude_, altitude_) +
+         " constellations=" + kSystems[constellations_] + " talker=" + (gn_talker_ ? "gn" : "split") +
+         " drop=" + std::to_string(drop_every_) + format(" latitude=%.6f longitude=%.6f altitude=%.1f", latitude_, longitude_, altitude_) +
          " time_offset=" + std::to_string(time_offset_) + " gps=" + sky_text(gps_sky_) + " bd=" + sky_text(bd_sky_) +
          " batches=" + std::to_string(batches_) + " skipped=" + std::to_string(skipped_) +
          " pcas04=" + std::to_string(pcas04_) + " pcas00=" + std::to_string(pcas00_) +

@@ -7,9 +7,11 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
+#include "console/test_routines.h"
 #include "console/web_mode.h"
 #include "lte/lte_supervisor.h"
 #include "lte/modem_discovery.h"
@@ -22,8 +24,10 @@
 #include "support/file_helpers.h"
 #include "support/sdk_log.h"
 #include "serial/environment_link.h"
+#include "serial/serial_ports.h"
 #include "sim/web_pages.h"
 #include "tests/common/test_sandbox.h"
+#include "tests/sim/board_fixture.h"
 
 namespace fsu::console {
 namespace {
@@ -57,6 +61,11 @@ TEST(WebMode, CountersOutputRequestsAndThePppWatchdog) {
       EXPECT_EQ(serial::STR_BSP_ENV_INFO.ucDoSetFlag[i] * 2 + serial::STR_BSP_ENV_INFO.ucDoSetValue[i], c.relays < 0 ? 0 : 2 + c.relays);
     for (const std::string& f : c.files) EXPECT_EQ(std::remove(box.path("/tmp/set_all_doao_" + f).c_str()) == 0, c.files.size() == 2);
   }
+  // The LED chase lights run, alarm, net and LED 1 (GPIO 1, 18, 0, 4; lit at 0) in turn and puts them out in reverse.
+  std::string chase;
+  for (int line : {1, 18, 0, 4}) box.write("/sys/class/gpio/gpio" + std::to_string(line) + "/value", "1");
+  for (int step = 0; step < 8; ++step) led_chase_step(step), chase += std::string({gpio(box, 1), gpio(box, 18), gpio(box, 0), gpio(box, 4), ' '});
+  EXPECT_EQ(chase, "0111 0011 0001 0000 0001 0011 0111 1111 ");
   lte::ntu_set_text(lte::NtuText::cimi, "460011234567890"), lte::ntu_set_text(lte::NtuText::csq, "-71");
   PppWatch watch;
   for (int second = 1; second <= 61; ++second) {  // 61 s without an address
@@ -76,6 +85,29 @@ TEST(WebMode, CountersOutputRequestsAndThePppWatchdog) {
   }
 }
 
+// One round of the factory loopback on the main board's four ports (the boards silent): the odd
+// ports send first and are read a second later, then the even ones; a port that hears anything
+// but its own text prints the failure line of its phase. Ports 2 and 3 end in a person's terminal.
+TEST(LoopbackTest, OddPortsFirstThenEvenOnesEachPhaseWithItsFailureLinesAndReport) {
+  sim::RunningBoard unit{{"board 1 silent", "board 2 silent", "uart 2 terminal", "uart 3 terminal"}};
+  support::SDK_LOG_PAR_INIT();
+  serial::M_COM_INIT(), serial::BSP_BAU_INIT(), serial::FSU_COM_READ_THREAD_START(), sdk::BSP_Resource_CHECK();
+  ASSERT_TRUE(DTUSHARE_init());
+  const int second = sim::open_port(sim::terminal_of(unit.box, "uart 2 "), B9600);
+  const int third = sim::open_port(sim::terminal_of(unit.box, "uart 3 "), B9600);
+  sim::put(third, "hello");
+  testing::internal::CaptureStdout();
+  std::thread round(com_test_pass);
+  EXPECT_EQ(sim::take(second, 10, 3), "IS COM 02\n");  // only after the odd ports' report
+  sim::put(second, "IS COM 2\n");
+  round.join();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "串口资源 Local/Uart/3 收到数据异常:收到长度5 的数据: hello"
+            "\r\n串口01 发送/接收计数 :  10/10\r\n串口02 发送/接收计数 :  0/0\r\n串口03 发送/接收计数 :  10/5\r\n串口04 发送/接收计数 :  0/0"
+            "\r\n串口资源 Local/Uart/2 收到数据异常:收到长度9 的数据: IS COM 2\n\r\n"
+            "串口01 发送/接收计数 :  10/10\r\n串口02 发送/接收计数 :  10/9\r\n串口03 发送/接收计数 :  10/5\r\n串口04 发送/接收计数 :  10/10\r\n");
+  EXPECT_EQ(sim::take(third, 10, 0.1), "IS COM 03\n");
+}
 
 // /tmp is anyone's: whatever another user plants at a name the unit writes (a link to a file
 // elsewhere, a link to nothing yet, a hard link, a file of their own) is never written through.

@@ -1,6 +1,6 @@
 // benchkit's positioning items on the simulated board's receiver: position, counts and signal
 // report shown, modes commanded on the wire, the clock repaired at start-up, a receiver that
-// loses its fix, falls silent or babbles.
+// loses its fix, falls silent or babbles, and one that speaks GN from the south-west.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -88,6 +88,26 @@ TEST(PositioningOnSimulator, ThePositionExampleSetsTheModeAndReadsTheFixAndTheSk
   for (const char* shown : {",纬度=31.2304000", "GPS有效卫星数=9,GPS可视卫星数=10;北斗有效卫星数=0,北斗可视卫星数=0", "signal: GPS,卫星标识=1,2,12,"}) {
     EXPECT_NE(app.output().find(shown), std::string::npos) << shown << app.output();
   }
+}
+
+// Many receivers tag all but their GSV sentences GN: position and time are taken, the satellites
+// used are counted for neither system. South and west read as magnitudes in the position file.
+TEST(PositioningOnSimulator, AGnReceiverInTheSouthWestGivesPositionAndTimeAndNoUsedCounts) {
+  TestSandbox box;
+  box.write("/sim/rtc_fault", "");
+  ConsoleDriver console({fsusim_path(), "run", "--root", box.root(), "--ctl", "gps talker gn", "--ctl", "gps position -33.75 -70.5 500 20",
+                         "--ctl", "gps time 2026-11-16T08:27:10", "--", "env", "FSU_CLOCK_RATE=5", benchkit_path()},
+                        ConsoleDriver::Mode::kPipes);
+  ASSERT_TRUE(console.wait_for("输入测试项: ", 60)) << console.output();
+  EXPECT_NE(box.calls().find("date -s 2026-11-16 16:27:"), std::string::npos) << box.calls();
+  std::string report;
+  EXPECT_TRUE(poll_until(20, [&] {
+    ConsoleDriver page({fsusim_path(), "web", "--root", box.root(), "read-gps"}, ConsoleDriver::Mode::kPipes);
+    return page.wait_exit(10) == 0 && !(report = page.output()).starts_with("经度=0.0");
+  }));
+  EXPECT_EQ(report, "经度=70.50000000,纬度=33.75000000,高度=520.000000;GPS有效卫星数=0,GPS可视卫星数=10;北斗有效卫星数=0,北斗可视卫星数=8\r\n");
+  console.end_input();
+  EXPECT_EQ(console.wait_exit(10), 0);
 }
 
 }  // namespace

@@ -1,15 +1,21 @@
 // The modem's replies as the queries parse them, the known-modem table, and the dial texts.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 #include <tuple>
+#include <unistd.h>
 
 #include "lte/at_channel.h"
 #include "lte/modem_discovery.h"
 #include "lte/modem_queries.h"
 #include "lte/ntu.h"
+#include "platform/sandbox_root.h"
 #include "sdk/dial_api.h"
 
 namespace fsu::lte {
@@ -115,6 +121,30 @@ TEST(Replies, TokensAndKeyValues) {
   EXPECT_EQ(std::string(imei) + "|" + csq, "866123456789012|");
 }
 
+// On the device (root "/") an address is read from the interface itself; an interface without
+// one, or none of that name, falls back to ifconfig once. Only the loopback interface is asked,
+// and ifconfig is a stand-in of the test's own, alone on the PATH: nothing of the host's runs.
+TEST(DeviceAddress, ReadFromTheInterfaceOrOnceThroughIfconfig) {
+  const std::string folder = std::filesystem::temp_directory_path() / ("fsu-ethip-" + std::to_string(getpid()));
+  std::filesystem::create_directories(folder);
+  std::ofstream(folder + "/ifconfig") << "#!/bin/sh\nprintf '%s\\n' \"$*\" >>\"${0%/*}/asked\"\nprintf 'ppp0      Link encap:Point-to-Point "
+                                         "Protocol\\n          inet addr:10.9.8.7  P-t-P:10.64.64.64  Mask:255.255.255.255\\n          UP "
+                                         "POINTOPOINT RUNNING NOARP MULTICAST  MTU:1500  Metric:1\\n          RX packets:0 errors:0\\n'\n";
+  std::filesystem::permissions(folder + "/ifconfig", std::filesystem::perms::owner_all);
+  setenv("PATH", folder.c_str(), 1);
+  ASSERT_TRUE(platform::set_root("/"));
+  for (const auto& [name, address, asked] : {std::tuple{"lo", "127.0.0.1", ""}, {"lo:9", "10.9.8.7", "lo:9\n"},
+                                             {"fsu-none0", "10.9.8.7", "lo:9\nfsu-none0\n"}}) {
+    char field[kNtuTextSize];
+    EXPECT_EQ(read_ethip(name, field), 1) << name;
+    EXPECT_STREQ(field, address) << name;
+    std::ostringstream seen;
+    seen << std::ifstream(folder + "/asked").rdbuf();
+    EXPECT_EQ(seen.str(), asked) << name;
+  }
+  std::filesystem::remove_all(folder);
+}
+
 TEST(ModemTable, FirstRowInTableOrderAndTheRegistrationsOfEachRow) {
   EXPECT_EQ(ltemm_row_in("ID 2c7c:0125 x\nID 19d2:1509 y"), 1);
   EXPECT_EQ(ltemm_row_in("ID 2c7c:01"), 0);
@@ -124,9 +154,10 @@ TEST(ModemTable, FirstRowInTableOrderAndTheRegistrationsOfEachRow) {
 }
 
 TEST(DialTexts, CarrierTableAndBothTextsByteExact) {
-  for (const auto& [imsi, carrier] : {std::pair{"460011234567890", "CARRIER_UNICOM"}, {"46002123", "CARRIER_MOBILE"},
-                                      {"46011123", "CARRIER_TELECOM"}, {"46020123", "CARRIER_MOBILE"},
-                                      {"31026012", "31026"}, {"", ""}}) {
+  for (const auto& [imsi, carrier] :
+       {std::pair{"460001234567890", "CARRIER_MOBILE"}, {"460011234567890", "CARRIER_UNICOM"}, {"46002123", "CARRIER_MOBILE"},
+        {"46003123", "CARRIER_TELECOM"}, {"46004123", "CARRIER_MOBILE"}, {"46005123", "CARRIER_TELECOM"}, {"46006123", "CARRIER_UNICOM"},
+        {"46007123", "CARRIER_MOBILE"}, {"46011123", "CARRIER_TELECOM"}, {"46020123", "CARRIER_MOBILE"}, {"31026012", "31026"}, {"", ""}}) {
     char out[16];
     sdk::carrier_text(imsi, out);
     EXPECT_STREQ(out, carrier) << imsi;

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 #include "fsusdk.h"
 #include "lte/lte_supervisor.h"
@@ -79,7 +80,7 @@ TEST_F(Supervisor, AfterNoiseWithXoffAndAnEndlessLineTheNextCycleReachesTheModem
 }
 
 TEST_F(Supervisor, SharedPortRowsQueryOnlyWhileTheLinkIsDownAndAPulledModemIsOfflineAtOnce) {
-  for (const char* row : {"18", "11"}) {  // every row whose AT port is its data port
+  for (const char* row : {"18", "11", "12", "13"}) {  // every row whose AT port is its data port
     data_init();
     ASSERT_TRUE(unit.control({std::string("modem row ") + row, "modem dial"}).empty());
     ASSERT_TRUE(sim::state_shows(unit.box, "link ppp0 ", "state=up"));
@@ -103,6 +104,12 @@ TEST_F(Supervisor, SharedPortRowsQueryOnlyWhileTheLinkIsDownAndAPulledModemIsOff
 }
 
 TEST_F(Supervisor, TheGenerationIsWhatTheModemSaysInItsLongerShapes) {
+  // Row 17 answers the IMSI behind "+CIMI: "; with no link yet, its query alone marks the card.
+  data_init();
+  ASSERT_TRUE(unit.control({"modem row 17"}).empty());
+  lte_pass(0);
+  EXPECT_STREQ(ntu_texts().cimi, "460001234567890");
+  EXPECT_EQ(std::pair(NTU.CardStat.load(), ntu_online()), std::pair(1, false));
   for (const char* row : {"10", "18"}) {  // ^SYSINFO with a blank and seven fields; +CREG and +COPS for the dial
     data_init();
     EXPECT_STREQ(ntu_texts().nettype, "0");  // nothing said yet
@@ -114,17 +121,23 @@ TEST_F(Supervisor, TheGenerationIsWhatTheModemSaysInItsLongerShapes) {
   }
 }
 
-TEST_F(Supervisor, ADialPostedWithAHardRestartIsServedOnceTheModemIsBack) {
+TEST_F(Supervisor, ADialPostedWithAHardRestartIsServedOnceTheModemIsBackAndAHangUpStopsPppd) {
   data_init();
   ASSERT_TRUE(unit.control({"modem boot-delay 2"}).empty());
   lte_pass(0);
   NTU.pppdstart.store(1);
+  NTU.softreboot.store(1);  // dropped: the hard restart restarts the modem anyway
   NTU.hardreboot.store(1);
   int pass = 1;  // passes without their 1 s sleep: the modem takes 2 s to come back
   EXPECT_TRUE(sim::poll_until(10, [&] { return lte_pass(pass++), NTU.pppdstart.load() == 0; }));
   EXPECT_NE(unit.box.calls().find("lte.sh"), std::string::npos) << unit.box.calls();
   EXPECT_TRUE(sim::state_shows(unit.box, "modem ", "power_cycles=1"));
   EXPECT_TRUE(sim::state_shows(unit.box, "link ppp0 ", "state=up"));  // dialled after the power came back
+  EXPECT_EQ(unit.box.read("/tmp/sdklog.log").find("无线模块软重启"), std::string::npos);
+  NTU.pppdend.store(1);
+  lte_pass(pass);
+  EXPECT_NE(unit.box.calls().find("killall pppd"), std::string::npos) << unit.box.calls();
+  EXPECT_TRUE(sim::state_shows(unit.box, "link ppp0 ", "state=down"));
 }
 
 TEST_F(Supervisor, SixteenFailedProbesOnRowSixteenBeforeTheFirstPowerCycle) {

@@ -4,9 +4,11 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "fsusdk.h"
 #include "gps/nmea_reader.h"
+#include "lte/ntu.h"
 #include "sdk/clock_repair.h"
 #include "sdk/lifecycle.h"
 #include "support/sdk_log.h"
@@ -98,6 +100,37 @@ TEST(Lifecycle, ClockCheckRepairsNothingWhenTheClockAnswersInformationIsBoundedA
   box.write("/tmp/e.gz", "e");
   EXPECT_EQ(UpdateSDK("/tmp/e.gz"), -1);
   EXPECT_TRUE(box.exists("/tmp/e.gz"));
+}
+
+// The system calls that answer at once or wait: the process's clock runs ten times as fast, so the
+// 3 s power cut of a modem restart and the 20 s a clock repair waits for a time take a tenth.
+TEST(Lifecycle, SystemCallsSetTheClockCutTheModemsPowerAndAClockRepairGivesUpAfterTwentySeconds) {
+  setenv("FSU_CLOCK_RATE", "10", 1);  // before the clock's first reading
+  fsu::test::TestSandbox box;
+  support::SDK_LOG_PAR_INIT();
+  EXPECT_EQ(std::vector({DialInit(nullptr), DialTerminate(nullptr), GetSupportedExtendType(nullptr), AddExtend(nullptr)}),
+            std::vector({0, 0, -2, -1}));
+  const std::string hostile = "2023-12-27 23:09:56'; reboot '";
+  EXPECT_EQ(std::vector({SetRtc(nullptr), SetRtc(hostile.c_str()), SetRtc("2023-12-27 23:09:56"),
+                         SetRtc("2023-12-27 23:09:56 +000000000000000000")}), std::vector({-1, -1, 0, 0}));
+  // The command keeps its closing quote: the text is cut to 29 characters.
+  EXPECT_EQ(box.calls(), "date -s 2023-12-27 23:09:56\nhwclock -w\ndate -s 2023-12-27 23:09:56 +00000000\nhwclock -w\n");
+  double start = platform::monotonic_seconds();
+  EXPECT_EQ(DialHardReboot(), 0);
+  EXPECT_GE(platform::monotonic_seconds() - start, 3);
+  EXPECT_EQ(lte::NTU.hardreboot.load(), 1);
+  const std::string log = box.read("/tmp/sdklog.log");
+  for (const char* line : {"]:无线拨号初始化DialInit", "]:结束无线模块拨号DialTerminate", "]:SetRtc 2023-12-27 23:09:56;set_cmd=date -s '2023-12-27 23:09:56'",
+                           "]:SET AO 12V RESTART CH=0", "]:无线模块断电硬重启DialHardReboot"})
+    EXPECT_NE(log.find(line), std::string::npos) << line;
+
+  box.write("/sim/rtc_fault", "");
+  HW_RESOURCES_CHECK();
+  start = platform::monotonic_seconds();
+  HW_RESOURCES_CHECK_FUN();  // the receiver never gives a time
+  const double waited = platform::monotonic_seconds() - start;
+  EXPECT_TRUE(waited >= 20 && waited < 25) << waited;  // each sleep's own overhead counts ten times
+  EXPECT_EQ(box.calls().find("date", box.calls().find("hwclock -r")), std::string::npos);
 }
 
 // Hostile callers: no text runs a command or changes a mode; any password arrives whole, unlogged.

@@ -231,6 +231,15 @@ TEST_F(Serial, ReceiveBuffersKeepTheOldestBytesInOrderAndTheHexLogOfTheChosenPor
   EXPECT_EQ(std::string(buf, 4096), sent.substr(0, 4096));
   EXPECT_EQ(ReadUart("Local/Uart/13", buf, 10, 0) + ReadUart("Local/Uart/14", buf, 10, 0), 0);
   EXPECT_EQ(ReadUart("Local/Uart/1", nullptr, 10, 0) + ReadUart("Local/Uart/1", buf, 0, 0), -2);
+  // The receiver's bytes gather in record 15 until more than 1024 have come, a sentence cut between two
+  // reads included; the parser then takes them all and the record is emptied.
+  const std::string gga = std::string(960, ' ') + "$GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,*47\r\n";
+  uart(7).send(gga.substr(0, 1000));
+  EXPECT_TRUE(sim::poll_until(2, [&] { return env_com_read_pass(), LIST_MCOM_RECV_INFO[15].nLen.load() == 1000; }));
+  EXPECT_FALSE(logged("]:GPS:J:"));
+  uart(7).send(gga.substr(1000));
+  EXPECT_TRUE(sim::poll_until(2, [&] { return env_com_read_pass(), logged("]:GPS:J:11.51666"); }));
+  EXPECT_EQ(LIST_MCOM_RECV_INFO[15].nLen.load(), 0);
 
   // The hex log of the chosen port is byte exact.
   sdk::BSP_SET_UART_LOG(3, 2);

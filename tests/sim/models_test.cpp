@@ -1,19 +1,23 @@
 // Pure pieces of the simulator: the pace of a line, the bounded queue of a far end, and the
-// environment board model read back with the SDK's decoder.
+// environment board and positioning receiver models read back with the SDK's decoders.
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <termios.h>
 #include <tuple>
 #include <vector>
 
+#include "gps/gps_record.h"
+#include "gps/nmea_reader.h"
 #include "serial/environment_link.h"
 #include "serial/frame_codec.h"
 #include "sim/byte_queue.h"
 #include "sim/environment_board.h"
 #include "sim/line_settings.h"
+#include "sim/positioning_receiver.h"
 
 namespace fsu::sim {
 namespace {
@@ -109,6 +113,44 @@ TEST(EnvironmentBoard, AnswersWellFormedFramesGatheredFromPiecesAndIgnoresWhatIt
   board.set_silent(true);
   EXPECT_EQ(heard(board, relay_command(0x08)), "");
   EXPECT_TRUE(board.relay(4));  // a silent board still acts
+}
+
+// Two batches of a receiver after its control lines, as the SDK's reader takes them into a clean
+// record: position (as magnitudes), the used counts and the time it holds.
+TEST(PositioningReceiver, EveryOutputAndFaultAsTheSdkReadsIt) {
+  setenv("TZ", "UTC", 1);
+  tzset();
+  const std::time_t pc = 1794817630, zda = pc + 1 + 28800;  // 2026-11-16 08:27:10 UTC; the reader adds 8 hours
+  const struct {
+    std::vector<std::string_view> line;  // without its first word, "gps"
+    std::tuple<double, double, float, float, std::int32_t> read;
+  } rows[] = {{{}, {31.2304, 121.4737, 9, 7, zda}},
+              {{"position", "-33.75", "-70.5"}, {33.75, 70.5, 9, 7, zda}},  // south and west
+              {{"talker", "gn"}, {31.2304, 121.4737, 0, 0, zda}},  // GN counts for neither system
+              {{"nofix"}, {0, 0, 0, 0, zda}},  // a fix lost: the time goes on
+              {{"cold"}, {0, 0, 0, 0, 0}},  // no fix nor time yet
+              {{"leap", "-3600"}, {31.2304, 121.4737, 9, 7, zda - 3600}},
+              {{"drop", "2"}, {0, 0, 0, 0, 0}}};  // no sentence comes whole
+  for (const auto& row : rows) {
+    PositioningReceiver receiver, untouched;
+    ASSERT_EQ(row.line.empty() ? "" : receiver.control(row.line), "");
+    std::string bytes = receiver.next_batch(pc) + receiver.next_batch(pc + 1);
+    const std::size_t whole = (untouched.next_batch(pc) + untouched.next_batch(pc + 1)).size();
+    if (!row.line.empty() && row.line[0] == "drop") {
+      EXPECT_EQ(bytes.size(), whole - whole / 2);
+    }
+    bytes.insert(0, std::max<std::size_t>(1025, bytes.size()) - bytes.size(), ' ');
+    gps::reset_gps_reader_for_tests();
+    ASSERT_EQ(gps::BSP_GPS_READ(bytes.data(), static_cast<int>(bytes.size())), 0);
+    const gps::GpsFix fix = gps::gps_fix();
+    const auto [latitude, longitude, gps_used, bd_used, time] = row.read;
+    EXPECT_NEAR(fix.latitude, latitude, 1e-4) << bytes;
+    EXPECT_NEAR(fix.longitude, longitude, 1e-4) << bytes;
+    EXPECT_EQ(std::tuple(fix.gps_used, fix.bd_used, fix.gps_time), std::tuple(gps_used, bd_used, time)) << bytes;
+  }
+  PositioningReceiver receiver;
+  for (const auto& bad : {std::vector<std::string_view>{"talker", "gb"}, {"leap", "315360001"}, {"drop", "1"}, {"drop"}, {"cold", "x"}})
+    EXPECT_NE(receiver.control(bad), "") << bad[0];
 }
 
 }  // namespace
