@@ -16,6 +16,7 @@
 #include "platform/clock.h"
 #include "sim/line_ends.h"
 #include "sim/sandbox.h"
+#include "sim/unit_registry.h"
 
 namespace fsu::sim {
 namespace {
@@ -192,6 +193,7 @@ bool Board::start(std::string* error) {
     return fail("cannot write " + pid_file + ": " + std::strerror(errno));
   }
   up_ = true;
+  register_unit(getpid(), root_);  // for `fsusim ls`; a unit that cannot be listed still runs
   state_.update(platform::monotonic_seconds(), true);
   start_guard();
   thread_ = std::thread(&Board::serve, this);
@@ -255,6 +257,7 @@ void Board::stop() {
   close_ports();
   state_.write("board down\n");
   unlink((root_ + "/sim/board.pid").c_str());
+  unregister_unit(getpid());
   if (guard_ > 0) {
     close(guard_pipe_);
     waitpid(guard_, nullptr, 0);

@@ -18,6 +18,7 @@
 
 #include "platform/sandbox_root.h"
 #include "sim/board.h"
+#include "sim/cli_commands.h"
 #include "sim/control_client.h"
 #include "sim/sandbox.h"
 #include "sim/uci_file.h"
@@ -42,6 +43,7 @@ constexpr char kUsage[] =
     "      hand control lines (such as \"uart 2 terminal\" or \"ai 3 2.5\") to the board up in\n"
     "      DIR and wait until it has taken them; exits 1 when one was rejected\n"
     "%s"
+    "%s"
     "  fsusim tool NAME ARG...\n"
     "      the simulator's side of a stand-in device tool (uci)\n"
     "  fsusim --version\n"
@@ -54,7 +56,7 @@ constexpr char kUsage[] =
     "  --ctl LINE     a control line applied as the board comes up (\"modem row 11\")\n";
 
 int usage(int code) {
-  std::fprintf(code == 0 ? stdout : stderr, kUsage, fsu::sim::kWebUsage);
+  std::fprintf(code == 0 ? stdout : stderr, kUsage, fsu::sim::kWebUsage, fsu::sim::kCliUsage);
   return code;
 }
 
@@ -403,5 +405,8 @@ int main(int argc, char** argv) {
   if (command == "ctl") return command_ctl(argc - 2, argv + 2);
   if (command == "web") return command_web(argc - 2, argv + 2);
   if (command == "tool") return command_tool(argc - 2, argv + 2);
-  return bad_use("unknown command " + std::string(command) + " (commands: run, up, ctl, web, tool)");
+  if (command == "ls") return fsu::sim::command_ls(argc - 2, argv + 2);
+  if (command == "term") return fsu::sim::command_term(argc - 2, argv + 2);
+  if (command == "clean") return fsu::sim::command_clean(argc - 2, argv + 2);
+  return bad_use("unknown command " + std::string(command) + " (commands: run, up, ctl, web, ls, term, clean, tool)");
 }

@@ -143,8 +143,10 @@ TEST(UartDriver, RefusesMissingSlotsAndDevicesAndIsNeverTheControllingTerminalOf
                 std::tuple(err, err, err, err));
     }
   });
-  EXPECT_TRUE(printed.find("BSP_ComCreate(2, /dev/ttymxc3) Failed !\nERROR: FILE:bsp_m_com, FUNCTION:BSP_ComCreate, LINE:") !=
-                  std::string::npos && printed.find("ErrNo:0x01020004.\n") != std::string::npos) << printed;
+  // A sandbox without its port devices is a simulated unit that is not running: said once, in
+  // words, and the driver's errors about the missing port go to the log only.
+  EXPECT_EQ(printed, "SDK: the simulated unit in " + box.root() + " is not running (" + box.root() +
+                         "/dev/ttymxc3 is missing; fsusim up --root " + box.root() + " starts it)\n");
 
   auto line = std::make_unique<sim::FakeUart>(box.path("/dev/ttymxc1"));
   int opened[2], go[2];
