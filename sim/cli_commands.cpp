@@ -1,6 +1,7 @@
 #include "sim/cli_commands.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -10,6 +11,7 @@
 #include <poll.h>
 #include <set>
 #include <string_view>
+#include <utility>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
@@ -21,6 +23,7 @@
 #include "sim/control_client.h"
 #include "sim/sandbox.h"
 #include "sim/unit_registry.h"
+#include "sim/unit_status.h"
 
 namespace fsu::sim {
 
@@ -32,6 +35,9 @@ const char kCliUsage[] =
     "      a raw terminal on the far end of \"Local/Uart/N\" (1 to 12) of the unit in DIR: what\n"
     "      the application sends shows here (in hex with --hex), what you type goes to it;\n"
     "      Ctrl-] leaves, and the port gets its far end back\n"
+    "  fsusim status --root DIR --watch\n"
+    "      the unit on one screen (LEDs, relays, 12 V, inputs, boards, modem and link,\n"
+    "      receiver, watchdog), redrawn in place until Ctrl-C\n"
     "  fsusim clean --root DIR [--stop]\n"
     "      removes the root DIR and its shared-memory segment; a running unit is refused, or\n"
     "      stopped first with --stop\n";
@@ -262,7 +268,124 @@ bool is_our_root(const std::string& root) {
          file(root + "/bin/lte.sh");
 }
 
+
+// How often the watching screen is redrawn.
+constexpr int kWatchPeriodMs = 500;
+
+std::string value_of(const UnitStatus& status, const std::string& key) {
+  return unit_status_value(status, key).value_or("-");
+}
+
+// "name: v1  name: v2 ..." for the lines "PREFIX 1" to "PREFIX count", `key` of each.
+std::string numbered(const UnitStatus& status, const std::string& prefix, int count, const std::string& key,
+                     int first = 1) {
+  std::string out;
+  for (int n = first; n < first + count; ++n) {
+    const std::string name = prefix + " " + std::to_string(n);
+    out += (out.empty() ? "" : "  ") + std::to_string(n) + " " + value_of(status, name + (key.empty() ? "" : "." + key));
+  }
+  return out;
+}
+
 }  // namespace
+
+std::string status_screen(const std::string& root, const UnitStatus& status) {
+  std::string out;
+  const auto row = [&](const char* title, const std::string& text) {
+    char head[16];
+    std::snprintf(head, sizeof head, "%-10s", title);
+    out += head + text + "\n";
+  };
+  out += "fsusim status " + root + "  board process " + value_of(status, "board up.pid") + "\n\n";
+  row("LEDs", "run " + value_of(status, "led run") + "  alarm " + value_of(status, "led alarm") + "  net " +
+                  value_of(status, "led net") + "  1 " + value_of(status, "led 1"));
+  row("Relays", numbered(status, "relay", 8, ""));
+  row("12 V", "1 " + value_of(status, "12v 1") + "  2 " + value_of(status, "12v 2") + "  modem power " +
+                  value_of(status, "power modem"));
+  // Volts and milliamperes with two decimals, eight channels a row.
+  for (const auto& [title, key] : {std::pair{"AI V", "volts"}, {"AI mA", "milliamps"}}) {
+    for (int first : {1, 9}) {
+      std::string values;
+      for (int n = first; n < first + 8; ++n) {
+        const std::string text = value_of(status, "ai " + std::to_string(n) + "." + key);
+        char cell[32];
+        std::snprintf(cell, sizeof cell, "%s%2d:%6.2f", values.empty() ? "" : " ", n, std::atof(text.c_str()));
+        values += text == "-" ? std::string(values.empty() ? "" : " ") + std::to_string(n) + ":-" : std::string(cell);
+      }
+      row(first == 1 ? title : "", values);
+    }
+  }
+  std::string closed;
+  int known = 0;
+  for (int n = 1; n <= 16; ++n) {
+    const std::string state = value_of(status, "di " + std::to_string(n));
+    known += state == "open" || state == "closed";
+    if (state == "closed") closed += (closed.empty() ? "" : " ") + std::to_string(n);
+  }
+  row("DI", known == 0 ? std::string("-") : closed.empty() ? "all open" : "closed " + closed + ", the rest open");
+  row("Boards", "1 " + value_of(status, "board 1") + " (frames in " + value_of(status, "board 1.frames_in") + ", out " +
+                    value_of(status, "board 1.frames_out") + ")  2 " + value_of(status, "board 2") + " (frames in " +
+                    value_of(status, "board 2.frames_in") + ", out " + value_of(status, "board 2.frames_out") +
+                    ")  environment " + value_of(status, "env") + " (answers " + value_of(status, "env.answers") + ")");
+  row("Modem", value_of(status, "modem.model") + " row " + value_of(status, "modem.row") + "  " +
+                   value_of(status, "modem") + "  SIM " + value_of(status, "modem.sim") + "  registered " +
+                   value_of(status, "modem.registered") + "  signal " + value_of(status, "modem.signal") + "  " +
+                   value_of(status, "modem.net"));
+  row("Link", "ppp0 " + value_of(status, "link ppp0") + "  address " + value_of(status, "link ppp0.address") +
+                  "  dials " + value_of(status, "link ppp0.dials"));
+  row("Receiver", value_of(status, "receiver.output") + "  " + value_of(status, "receiver.constellations") +
+                      "  lat " + value_of(status, "receiver.latitude") + "  lon " +
+                      value_of(status, "receiver.longitude") + "  alt " + value_of(status, "receiver.altitude") + " m");
+  row("Watchdog", "armed " + value_of(status, "watchdog.armed") + "  left " + value_of(status, "watchdog.left") +
+                      " s  reboots " + value_of(status, "watchdog.reboots"));
+  for (const StatusLine& line : status) {
+    if (line.name != "error") continue;
+    std::string text;
+    for (const auto& [key, value] : line.fields) {
+      if (key == "line" || key == "why") text += (text.empty() ? "" : ": ") + value;
+    }
+    row("Rejected", text);
+  }
+  return out;
+}
+
+namespace {
+
+int watch_loop(const std::string& root) {
+  const bool terminal = isatty(STDOUT_FILENO) != 0;
+  while (!g_stop) {
+    const auto status = read_unit_status(root);
+    std::string text = status && board_process(root) != 0
+                           ? status_screen(root, *status)
+                           : "fsusim status " + root + "\n\nthe simulated unit in " + root + " is not running\n";
+    if (terminal) {
+      // Home, then each line cleared to its end and the rest of the screen: no flicker.
+      std::string drawn = "\x1b[H";
+      for (std::size_t start = 0; start < text.size();) {
+        const std::size_t end = text.find('\n', start);
+        drawn += text.substr(start, end - start) + "\x1b[K\n";
+        start = end + 1;
+      }
+      text = drawn + "\x1b[J";
+    } else {
+      text += "\n";
+    }
+    write_all(STDOUT_FILENO, text.data(), text.size());
+    for (int waited = 0; waited < kWatchPeriodMs && !g_stop; waited += 50) platform::sleep_ms(50);
+  }
+  return 0;
+}
+
+}  // namespace
+
+int watch_status(const std::string& root) {
+  if (board_process(root) == 0) return failure("the simulated unit in " + root + " is not running");
+  struct sigaction stop{};
+  stop.sa_handler = note_stop;
+  for (const int sig : {SIGTERM, SIGHUP, SIGINT}) sigaction(sig, &stop, nullptr);
+  if (isatty(STDOUT_FILENO)) write_all(STDOUT_FILENO, "\x1b[2J", 4);
+  return watch_loop(root);
+}
 
 int command_ls(int argc, char** argv) {
   (void)argv;

@@ -6,11 +6,20 @@
 
 #include <string>
 
+#include "sim/unit_status.h"
+
 namespace fsu::sim {
 
 int command_ls(int argc, char** argv);
 int command_term(int argc, char** argv);
 int command_clean(int argc, char** argv);
+
+// `status --watch`: the unit in `root` on one screen, redrawn in place until interrupted.
+int watch_status(const std::string& root);
+
+// The screen of `status --watch` for the state `status` of the unit in `root`: the LEDs,
+// relays, 12 V lines, inputs, boards, modem and link, receiver and watchdog, a few lines each.
+std::string status_screen(const std::string& root, const UnitStatus& status);
 
 // The usage lines of these commands, for fsusim --help.
 extern const char kCliUsage[];
