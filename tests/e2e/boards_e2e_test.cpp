@@ -132,7 +132,11 @@ TEST(Examples, WatchdogLeftUnfedRebootsTheUnit) {
   ASSERT_TRUE(app.wait_for("watchdog: no more feeding", 60)) << app.output();
   const double unfed = platform::monotonic_seconds();
   EXPECT_EQ(box.calls().find("reboot"), std::string::npos);
+  // The unit shows the watchdog counting down (interval 1 s and the minute of grace).
+  EXPECT_TRUE(poll_until(5, [&] { return sim::state_line(box, "watchdog ").starts_with("watchdog armed=yes interval=1 left="); }))
+      << sim::state_line(box, "watchdog ");
   EXPECT_TRUE(poll_until(30, [&] { return box.calls().find("\nreboot\n") != std::string::npos; })) << box.calls();
+  EXPECT_TRUE(state_shows(box, "watchdog ", " reboots=1"));
   EXPECT_GT(platform::monotonic_seconds() - unfed, 5.5);  // not before it is due
   EXPECT_NE(box.read("/tmp/sdklog.log").find("soft dog start,ready reboot=1"), std::string::npos);
 }

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "platform/shared_memory.h"
 #include "sim/sandbox.h"
 #include "sim/web_pages.h"
@@ -83,7 +85,7 @@ TEST(Fsusim, RunPassesStatusStreamsAndEnvironmentKeepsAGivenRootRefusesBadUseAnd
   EXPECT_NE(box.read("/tmp/unit/sim/state").find("terminal=" + terminal.substr(23, terminal.size() - 24) + " "), std::string::npos);
   EXPECT_TRUE(up.wait_for("fsusim: Local/Uart/3 terminal: /dev/pts/", 2)) << up.output();
   EXPECT_EQ(capture(kFsusim + " ctl --root " + unit + " 'uart 1 silent' frob 2>&1; echo $?"),
-            "fsusim: \"frob\": unknown command (commands: uart, port, board, env, ai, di, modem, gps)\n1\n");
+            "fsusim: \"frob\": unknown command (commands: uart, port, board, env, ai, di, modem, gps, reboot)\n1\n");
   EXPECT_TRUE(up.wait_for("fsusim: control: \"frob\"", 2)) << up.output();
 
   ASSERT_EQ(kill(std::stoi(box.read("/tmp/unit/sim/board.pid")), SIGTERM), 0);
@@ -106,6 +108,14 @@ TEST(Fsusim, LsListsTheRunningUnitTermIsARawTerminalOnAPortAndCleanRemovesOnlyAS
   test::ConsoleDriver up({kFsusim, "up", "--root", unit}, test::ConsoleDriver::Mode::kPipes);
   ASSERT_TRUE(up.wait_for("(CTRL+C stops the board)", 5)) << up.output();
   const std::string board = box.read("/tmp/unit/sim/board.pid");
+  const auto json = nlohmann::json::parse(capture(kFsusim + " status --json --root " + unit));
+  EXPECT_TRUE(json["relay 1"]["state"] == "off" && json["watchdog"]["armed"] == "unknown") << json.dump();
+  test::ConsoleDriver watch({kFsusim, "status", "--watch", "--root", unit}, test::ConsoleDriver::Mode::kTerminal);
+  EXPECT_TRUE(watch.wait_for_count("\x1b[Hfsusim status " + unit + "  board process", 2, 5)) << watch.output();  // redrawn
+  EXPECT_NE(watch.output().find("\nRelays    1 off  2 off  3 off  4 off  5 off  6 off  7 off  8 off\x1b[K"), std::string::npos);
+  EXPECT_NE(watch.output().find("\nWatchdog  armed unknown  left - s  reboots 0\x1b[K"), std::string::npos);
+  watch.send("\x03");
+  EXPECT_EQ(watch.wait_exit(5), 0);
 
   // A person at a terminal: what the application sends shows, what is typed reaches it.
   test::ConsoleDriver term({kFsusim, "term", "3", "--root", unit}, test::ConsoleDriver::Mode::kTerminal);
