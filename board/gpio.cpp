@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "platform/console_output.h"
 #include "platform/sandbox_root.h"
 
 namespace fsu::board {
@@ -17,7 +18,7 @@ namespace {
 int write_sysfs(const char* path, const char* text, const char* open_message, const char* write_message) {
   const int fd = open(platform::DevicePath(path).c_str(), O_WRONLY | O_CLOEXEC);
   if (fd < 0) {
-    std::printf("%s", open_message);
+    fsu::platform::sdk_printf("%s", open_message);
     return -1;
   }
   const std::size_t len = std::strlen(text);
@@ -28,7 +29,7 @@ int write_sysfs(const char* path, const char* text, const char* open_message, co
   }
   close(fd);
   if (!ok) {
-    std::printf("%s", write_message);
+    fsu::platform::sdk_printf("%s", write_message);
     return -1;
   }
   return 0;
@@ -73,14 +74,14 @@ int bsp_gpio_read(int gpio) {
   line_path(path, gpio, "value");
   const int fd = open(platform::DevicePath(path).c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
-    std::printf("Failed to open gpio value for reading!\n");
+    fsu::platform::sdk_printf("Failed to open gpio value for reading!\n");
     return -1;
   }
   char text[4] = {};
   const ssize_t n = read(fd, text, 3);
   close(fd);
   if (n < 0) {
-    std::printf("Failed to read value!\n");
+    fsu::platform::sdk_printf("Failed to read value!\n");
     return -1;
   }
   return std::atoi(text);

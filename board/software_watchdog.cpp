@@ -2,9 +2,14 @@
 
 #include <pthread.h>
 
+#include <algorithm>
+#include <string>
+
 #include "fsusdk.h"
 #include "platform/clock.h"
 #include "platform/command_runner.h"
+#include "platform/safe_file.h"
+#include "platform/sandbox_root.h"
 #include "serial/extension_link.h"
 #include "support/sdk_log.h"
 
@@ -22,6 +27,23 @@ void* com_dog_thread(void*) {
     serial::RunComDog();
     platform::sleep_s(1);
   }
+}
+
+// On a simulated unit the watchdog shows its state to the simulator, as the board's own
+// indicator would: armed or not, its interval and the seconds left before it reboots the unit,
+// in /tmp/softdog, rewritten when it changes (once a second while armed). The device has no
+// such file.
+void show_state(std::uint32_t now) {
+  if (!platform::in_sandbox()) return;
+  static std::string shown;
+  const bool armed = app___SOFTDOG.enable.load() == 1;
+  const std::uint32_t interval = app___SOFTDOG.interval.load();
+  const long long due = static_cast<long long>(app___SOFTDOG.last_feed.load()) + interval + 60;
+  std::string text = std::string("armed=") + (armed ? "yes" : "no") + " interval=" + std::to_string(interval);
+  if (armed) text += " left=" + std::to_string(std::max(0LL, due - static_cast<long long>(now)));
+  text += "\n";
+  if (text == shown) return;
+  if (platform::replace_file("/tmp/softdog", text.data(), text.size(), 0644) == 0) shown = text;
 }
 
 }  // namespace
@@ -72,7 +94,9 @@ void soft_dog_pass(std::uint32_t now) {
 void* App_SoftDogFeed(void*) {
   for (;;) {
     platform::sleep_s(1);
-    soft_dog_pass(ReadSysTime_Value());
+    const std::uint32_t now = ReadSysTime_Value();
+    show_state(now);
+    soft_dog_pass(now);
   }
 }
 

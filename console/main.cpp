@@ -7,6 +7,7 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "console/console_texts.h"
 #include "console/menu.h"
 #include "console/test_routines.h"
 #include "console/web_mode.h"
@@ -24,6 +25,7 @@ constexpr char kUsage[] =
     "                      test menu on standard input, until the input ends\n"
     "  benchkit web        run unattended beside the device's web pages, until killed\n"
     "  benchkit --version  the SDK's version\n"
+    "  --english (before the rest), or FSU_LANG=en: the menu and messages in English\n"
     "On a PC, run it on the simulated board: fsusim run -- benchkit (docs/benchkit.md).\n";
 
 constexpr const char* kStarLine = "\r\n/***********************************************************/\r";
@@ -40,9 +42,9 @@ pthread_t ppp0_listen_thread;
 
 [[noreturn]] void web_mode() {
   std::puts(kStarLine);
-  std::printf(
-      "配合网页模式(主动关闭白盒软件,如需开启重启设备)\r\n该模式下，q默认开启串口回环测试(9600,N,8,1,0)，"
-      "AODO 监听控制模式，\r\n1分钟检测一次PPP0，如没有则调用一次PPP0拨号\r\n 流水灯闪烁模式");
+  std::fputs(fsu::console::tr("配合网页模式(主动关闭白盒软件,如需开启重启设备)\r\n该模式下，q默认开启串口回环测试(9600,N,8,1,0)，"
+                              "AODO 监听控制模式，\r\n1分钟检测一次PPP0，如没有则调用一次PPP0拨号\r\n 流水灯闪烁模式"),
+             stdout);
   std::puts(kStarLine);
   std::fflush(stdout);
   fsu::platform::sleep_s(3);
@@ -55,6 +57,15 @@ pthread_t ppp0_listen_thread;
 }  // namespace
 
 int main(int argc, char** argv) {
+  // The English rendering is asked for ahead of the console's own arguments.
+  bool english = fsu::console::english_asked_by_environment();
+  if (argc >= 2 && std::strcmp(argv[1], "--english") == 0) {
+    english = true;
+    argv[1] = argv[0];
+    --argc;
+    ++argv;
+  }
+  fsu::console::use_english(english);
   if (argc == 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
     std::fputs(kUsage, stdout);
     return 0;

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "console/console_texts.h"
 #include "console/test_routines.h"
 #include "console/web_mode.h"
 #include "fsusdk.h"
@@ -72,8 +73,8 @@ void show_positioning() {
 // Item 99: the positioning mode typed by the operator. Nothing is set when the input ends.
 bool set_position_mode(std::FILE* in) {
   int mode = 0;
-  if (!read_number(in, "\r\n请输入GPS类型:1-GPS,2-北斗 3-GPS+北斗", &mode)) return false;
-  std::printf("设置类型：%d\r\n", mode);
+  if (!read_number(in, tr("\r\n请输入GPS类型:1-GPS,2-北斗 3-GPS+北斗"), &mode)) return false;
+  std::printf(tr("设置类型：%d\r\n"), mode);
   SetPositionMode(mode);
   return true;
 }
@@ -83,7 +84,7 @@ bool run_item(int item, std::FILE* in) {
   int port = 0;
   switch (item) {
     case 1:
-      std::puts("间隔一秒获取获取硬件时钟\r");
+      std::puts(tr("间隔一秒获取获取硬件时钟\r"));
       Read_Hardware_RTC();
       break;
     case 2:
@@ -101,36 +102,36 @@ bool run_item(int item, std::FILE* in) {
       AIDI_READ();
       break;
     case 7:
-      set_12v("主板第一路12V断电", 8, 0);
+      set_12v(tr("主板第一路12V断电"), 8, 0);
       break;
     case 8:
-      set_12v("主板第一路12V上电", 8, 1);
+      set_12v(tr("主板第一路12V上电"), 8, 1);
       break;
     case 9:
-      set_12v("主板第2路12V断电", 5, 0);
+      set_12v(tr("主板第2路12V断电"), 5, 0);
       break;
     case 10:
-      set_12v("主板第2路12V上电", 5, 1);
+      set_12v(tr("主板第2路12V上电"), 5, 1);
       break;
     case 11: {
       char reply[2048] = {};
       BSP_GET_AIDI_RT_INFO(reply);
-      std::printf("AIDI 数据信息:%s", reply);
+      std::printf(tr("AIDI 数据信息:%s"), reply);
       break;
     }
     case 13: {
-      if (!read_number(in, "\r\n请输入要测试的串口号:", &port)) return false;
-      std::printf("串口%d 发送测试指令:~10012D92E002FFFCFA\r", port);
+      if (!read_number(in, tr("\r\n请输入要测试的串口号:"), &port)) return false;
+      std::printf(tr("串口%d 发送测试指令:~10012D92E002FFFCFA\r"), port);
       std::fflush(stdout);
       char reply[2048] = {};  // one byte kept for the terminator: the reply is printed as text
       const int n = BSP_UART_SEND_CMD(port, 2, 9600, 8, 1, 0, kTestCommand, sizeof kTestCommand - 1, reply,
                                       sizeof reply - 1);
-      std::printf("串口%d 返回数据(%d):%s\r\n", port, n, reply);
+      std::printf(tr("串口%d 返回数据(%d):%s\r\n"), port, n, reply);
       break;
     }
     case 14:
-      if (!read_number(in, "\r\n请输入要记录日志的串口号:", &port)) return false;
-      std::printf("开始记录串口%d 的日志,本地最多记录1000条\r\n", port);
+      if (!read_number(in, tr("\r\n请输入要记录日志的串口号:"), &port)) return false;
+      std::printf(tr("开始记录串口%d 的日志,本地最多记录1000条\r\n"), port);
       BSP_SET_UART_LOG(port, 1000);
       break;
     case 15:
@@ -148,24 +149,24 @@ bool run_item(int item, std::FILE* in) {
       support::SDK_LOG_PAR_INIT_NOPRINTF();
       break;
     case 21:
-      std::puts("设置为 GPS+北斗模式\r");
+      std::puts(tr("设置为 GPS+北斗模式\r"));
       BSP_SET_GPS_PCAS(0);
       break;
     case 22:
-      std::puts("设置为 GPS模式\r");
+      std::puts(tr("设置为 GPS模式\r"));
       BSP_SET_GPS_PCAS(1);
       break;
     case 23:
-      std::puts("设置为 北斗模式\r");
+      std::puts(tr("设置为 北斗模式\r"));
       BSP_SET_GPS_PCAS(2);
       break;
     case 98: {
       char text[1024] = {};
       DialGetStaticInfo(text, 1023);
-      std::printf("模块静态信息:%s\r\n", text);
+      std::printf(tr("模块静态信息:%s\r\n"), text);
       std::memset(text, 0, sizeof text);
       DialGetDynamicInfo(text, 1023);
-      std::printf("模块动态信息:%s\r\n", text);
+      std::printf(tr("模块动态信息:%s\r\n"), text);
       break;
     }
     case 99:
@@ -190,9 +191,9 @@ bool run_item(int item, std::FILE* in) {
 
 void help_printf() {
   std::puts(kRule);
-  for (const char* line : kMenuLines) std::puts(line);
+  for (const char* line : kMenuLines) std::puts(tr(line));
   std::puts(kRule);
-  std::printf("输入测试项: ");
+  std::fputs(tr("输入测试项: "), stdout);
 }
 
 int read_console_line(std::FILE* in, char* line, std::size_t size) {

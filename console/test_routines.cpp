@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "console/console_texts.h"
 #include "console/web_mode.h"
 #include "fsusdk.h"
 #include "gps/gps_record.h"
@@ -62,7 +63,7 @@ void system_cmd(const char* command) {
   const long n = platform::capture_command(command, output, kReadSize);
   if (n < 0) return;
   output[n] = '\0';
-  std::printf("指令执行结果:%s", output);
+  std::printf(tr("指令执行结果:%s"), output);
 }
 
 void Read_Hardware_RTC() {
@@ -72,15 +73,15 @@ void Read_Hardware_RTC() {
     std::fflush(stdout);
     platform::sleep_s(1);
   }
-  std::puts("如打印的时间不是连续的，可认为RTC时钟异常\r");
+  std::puts(tr("如打印的时间不是连续的，可认为RTC时钟异常\r"));
 }
 
 void Printf_Resource() {
   sdk::BSP_Resource_CHECK();
-  std::printf("串口数量:%d\r\n", sdk::sdk_read_com_num());
-  std::printf("AI数量:%d\r\n", sdk::sdk_read_ai_num());
-  std::printf("DI数量:%d\r\n", sdk::sdk_read_di_num());
-  std::printf("DO数量:%d\r\n", sdk::sdk_read_do_num());
+  std::printf(tr("串口数量:%d\r\n"), sdk::sdk_read_com_num());
+  std::printf(tr("AI数量:%d\r\n"), sdk::sdk_read_ai_num());
+  std::printf(tr("DI数量:%d\r\n"), sdk::sdk_read_di_num());
+  std::printf(tr("DO数量:%d\r\n"), sdk::sdk_read_do_num());
 }
 
 void com_loop_pass() {
@@ -89,15 +90,15 @@ void com_loop_pass() {
     char buf[kReadSize + 1] = {};  // printed as text: terminated behind what came
     const int got = ReadUart(name.text, buf, kReadSize, 0);
     if (got <= 0) continue;
-    std::printf("收到串口%d的数据,数据长度：%d,数据内容(ASCII):%s\r\n", n, got, buf);
+    std::printf(tr("收到串口%d的数据,数据长度：%d,数据内容(ASCII):%s\r\n"), n, got, buf);
     std::fflush(stdout);
     WriteUart(name.text, buf, got);
   }
 }
 
 void COM_Loop() {
-  std::puts("按CTRL+C退出\r");
-  std::printf("收到串口数据原样送出;COM——MAX=%d\r\n", sdk::sdk_read_com_num());
+  std::puts(tr("按CTRL+C退出\r"));
+  std::printf(tr("收到串口数据原样送出;COM——MAX=%d\r\n"), sdk::sdk_read_com_num());
   std::fflush(stdout);
   for (;;) com_loop_pass();
 }
@@ -109,15 +110,15 @@ void START_PPP0() {
     std::fflush(stdout);  // ifconfig writes to the console itself, behind what we printed
     platform::run_command("ifconfig ppp0");
     if (DialIsOnline() == 0) {
-      std::puts("PPP0拨号成功\r");
+      std::puts(tr("PPP0拨号成功\r"));
       char info[1024] = {};
       DialGetStaticInfo(info, sizeof info - 1);
-      std::printf("模块静态信息:%s\r\n", info);
+      std::printf(tr("模块静态信息:%s\r\n"), info);
       std::memset(info, 0, sizeof info);
       DialGetDynamicInfo(info, sizeof info - 1);
-      std::printf("模块动态信息:%s\r\n", info);
+      std::printf(tr("模块动态信息:%s\r\n"), info);
     } else {
-      std::puts("PPP0未拨号成功\r");
+      std::puts(tr("PPP0未拨号成功\r"));
     }
     std::fflush(stdout);
   }
@@ -125,7 +126,7 @@ void START_PPP0() {
 
 void DO_CONTROL() {
   const int outputs = sdk::sdk_read_do_num();
-  if (outputs == 0) std::puts("无DO控制板\r");
+  if (outputs == 0) std::puts(tr("无DO控制板\r"));
   for (int n = 1; n <= outputs; ++n) {
     const PointName name("DO", n);
     SetDOValue(name.text, 1);
@@ -146,14 +147,14 @@ void aidi_read_pass() {
     const PointName name("AI", n);
     float value = 0;
     if (GetAIValue(name.text, 0, &value) == 0) {
-      std::printf("AI %02d 电压型 采样值：%f V", n, static_cast<double>(value));
+      std::printf(tr("AI %02d 电压型 采样值：%f V"), n, static_cast<double>(value));
     } else {
-      std::printf("AI %02d 电压型 采样值失败==%s", n, name.text);
+      std::printf(tr("AI %02d 电压型 采样值失败==%s"), n, name.text);
     }
     if (GetAIValue(name.text, 1, &value) == 0) {
-      std::printf(" | 电流型 采样值：%f ma\r\n", static_cast<double>(value));
+      std::printf(tr(" | 电流型 采样值：%f ma\r\n"), static_cast<double>(value));
     } else {
-      std::printf(" | 电流型 采样值失败==%s\r\n", name.text);
+      std::printf(tr(" | 电流型 采样值失败==%s\r\n"), name.text);
     }
   }
   std::printf("DI(0-8) :");
@@ -165,7 +166,7 @@ void aidi_read_pass() {
     if (GetDIValue(name.text, &state) == 0) {
       std::printf("%d;", state);
     } else {
-      std::printf("DI%d 采样失败==%s\r\n", n, name.text);
+      std::printf(tr("DI%d 采样失败==%s\r\n"), n, name.text);
     }
   }
   std::puts("\r");
@@ -173,7 +174,7 @@ void aidi_read_pass() {
 }
 
 void AIDI_READ() {
-  if (sdk::sdk_read_ai_num() == 0) std::puts("AIDI板未检测到\r");
+  if (sdk::sdk_read_ai_num() == 0) std::puts(tr("AIDI板未检测到\r"));
   for (int pass = 0; pass < 3000; ++pass) {
     platform::sleep_s(1);
     aidi_read_pass();
@@ -183,18 +184,18 @@ void AIDI_READ() {
 void com_test_pass() {
   loopback_send(1);
   platform::sleep_s(1);
-  loopback_read("串口资源 %s 收到数据异常:收到长度%d 的数据: %s");
-  loopback_report("\r\n串口%02d 发送/接收计数 :  %d/%d");
+  loopback_read(tr("串口资源 %s 收到数据异常:收到长度%d 的数据: %s"));
+  loopback_report(tr("\r\n串口%02d 发送/接收计数 :  %d/%d"));
   loopback_send(2);
   platform::sleep_s(1);
-  loopback_read("\r\n串口资源 %s 收到数据异常:收到长度%d 的数据: %s");
+  loopback_read(tr("\r\n串口资源 %s 收到数据异常:收到长度%d 的数据: %s"));
   std::puts("\r");
-  loopback_report("串口%02d 发送/接收计数 :  %d/%d\r\n");
+  loopback_report(tr("串口%02d 发送/接收计数 :  %d/%d\r\n"));
   std::fflush(stdout);
 }
 
 void* COM_TEST_FUN(void*) {
-  std::puts("按CTRL+C退出软件,退出后如需测试输入 benchkit 继续测试\r");
+  std::puts(tr("按CTRL+C退出软件,退出后如需测试输入 benchkit 继续测试\r"));
   DTUSHARE_init();
   for (;;) com_test_pass();
 }
@@ -211,13 +212,13 @@ void NET_MODE_INFO() {
   if (dialled.exchange(1) == 0) DialDial(nullptr, nullptr);
   const lte::NtuTexts texts = lte::ntu_texts();
   lte::NTU.CardStat.store(texts.cimi[0] != '\0' ? 1 : 0);
-  std::printf("SIM 卡状态: %s\r\n", lte::NTU.CardStat.load() == 1 ? "正常" : "还未检测到");
-  std::printf("SIM 卡ISMI号: %s\r\n", texts.cimi);
-  std::printf("模块IMEI: %s\r\n", texts.imei);
-  std::printf("模块信号强度:%s\r\n", texts.csq);
-  std::printf("模块网络IP:%s\r\n", texts.lteip);
+  std::printf(tr("SIM 卡状态: %s\r\n"), lte::NTU.CardStat.load() == 1 ? tr("正常") : tr("还未检测到"));
+  std::printf(tr("SIM 卡ISMI号: %s\r\n"), texts.cimi);
+  std::printf(tr("模块IMEI: %s\r\n"), texts.imei);
+  std::printf(tr("模块信号强度:%s\r\n"), texts.csq);
+  std::printf(tr("模块网络IP:%s\r\n"), texts.lteip);
   const gps::GpsFix fix = gps::gps_fix();
-  std::printf("\r\n经度=%.8lf,纬度=%.8lf,高度=%d\r\n", fix.longitude, fix.latitude, whole_metres(fix.altitude));
+  std::printf(tr("\r\n经度=%.8lf,纬度=%.8lf,高度=%d\r\n"), fix.longitude, fix.latitude, whole_metres(fix.altitude));
 }
 
 }  // namespace fsu::console

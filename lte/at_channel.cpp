@@ -11,6 +11,7 @@
 
 #include "lte/ntu.h"
 #include "platform/clock.h"
+#include "platform/console_output.h"
 #include "platform/sandbox_root.h"
 #include "support/sdk_log.h"
 
@@ -166,7 +167,7 @@ void at_port_close() {
 
 int writeline(const char* command) {
   if (ltefd < 0) {
-    std::printf("??????ltefd=-1???????\n");
+    fsu::platform::sdk_printf("??????ltefd=-1???????\n");
     return -1;
   }
   if (command == nullptr || write_all(command, std::strlen(command)) < 0) return -1;

@@ -12,6 +12,7 @@
 #include "lte/ntu.h"
 #include "platform/clock.h"
 #include "platform/command_runner.h"
+#include "platform/console_output.h"
 #include "platform/sandbox_root.h"
 #include "support/sdk_log.h"
 
@@ -132,7 +133,7 @@ void globalp_text(const char* cimi, const char* imei, const char* csq, char* out
 
 void data_init() {
   ntu_clear();
-  std::printf("################NTU.mode_id=%d\n", NTU.mode_id.load());
+  fsu::platform::sdk_printf("################NTU.mode_id=%d\n", NTU.mode_id.load());
   modem_left = false;
   load_saved(NtuText::cimi, "cimi", is_imsi);
   load_saved(NtuText::imei, "imei", is_imei);

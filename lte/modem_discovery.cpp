@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "platform/command_runner.h"
+#include "platform/console_output.h"
 #include "platform/safe_file.h"
 #include "platform/sandbox_root.h"
 #include "support/file_helpers.h"
@@ -66,7 +67,7 @@ bool capture_uci(const char* command, char (&capture)[kCapture + 1]) {
       capture[n] = '\0';
       return std::strstr(capture, "Entry") == nullptr;
     }
-    std::printf("error:%s!\n", (std::string("open cmderror:") + std::strerror(errno)).c_str());
+    fsu::platform::sdk_printf("error:%s!\n", (std::string("open cmderror:") + std::strerror(errno)).c_str());
   }
   return false;
 }
@@ -187,7 +188,7 @@ int read_ethip1(const char* ifname, char (&field)[kNtuTextSize]) {
   const std::size_t length = std::strlen(address);
   if (length < 8 || length > 19) return -1;
   std::memcpy(field, address, length + 1);
-  std::printf("%s\n", field);
+  fsu::platform::sdk_printf("%s\n", field);
   return 1;
 }
 

@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "lte/at_channel.h"
+#include "platform/console_output.h"
 #include "support/sdk_log.h"
 
 namespace fsu::lte {
@@ -159,10 +160,10 @@ int read_creg(const char* atdev) {
   if (!port.open()) return -1;
   std::memset(out_put, 0, sizeof out_put);
   if (write_wait_read1("AT+CREG?", "OK", out_put, sizeof out_put, 2, 2) < 0) {
-    std::printf("AT+CREG=>%s\n", out_put);
+    fsu::platform::sdk_printf("AT+CREG=>%s\n", out_put);
     return -1;
   }
-  std::printf("AT+CREG?=%s\n", out_put);
+  fsu::platform::sdk_printf("AT+CREG?=%s\n", out_put);
   const int status = creg_status(out_put);
   if (status < 0) return -1;
   SDK_LOG_WRITE(SDK_LOG_NET, "CREG stat=%d", status);
@@ -190,10 +191,10 @@ int read_cops(const char* atdev) {
   if (!port.open()) return -1;
   std::memset(out_put, 0, sizeof out_put);
   if (write_wait_read1("AT+COPS?", "OK", out_put, sizeof out_put, 2, 2) < 0) {
-    std::printf("AT+COPS=>%s\n", out_put);
+    fsu::platform::sdk_printf("AT+COPS=>%s\n", out_put);
     return -1;
   }
-  std::printf("AT+COPS? =>%s\n", out_put);
+  fsu::platform::sdk_printf("AT+COPS? =>%s\n", out_put);
   const int act = cops_act(out_put);
   if (act < 0) return -1;
   ntu_set_text(NtuText::nettype, cops_nettype(act));
@@ -247,10 +248,10 @@ int read_MINI1(const char* atdev) {
   if (!port.open()) return -1;
   std::memset(out_put, 0, sizeof out_put);
   if (write_wait_read1("AT+CIMI", "OK", out_put, sizeof out_put, 2, 2) < 0) {
-    std::printf("AT+CIMI=>%s\n", out_put);
+    fsu::platform::sdk_printf("AT+CIMI=>%s\n", out_put);
     return -1;
   }
-  std::printf("AT+CIMI=%s\n", out_put);
+  fsu::platform::sdk_printf("AT+CIMI=%s\n", out_put);
   ntu_set_text(NtuText::cimi, "");
   char cimi[kNtuTextSize];
   if (parse_cimi(out_put, cimi) < 0) return -1;
@@ -262,7 +263,7 @@ void read_MINI(const char* atdev) {
   Port port(atdev);
   if (!port.open()) return;
   const int result = write_wait_read("AT+CIMI", "+CIMI: ", out_put, sizeof out_put, 2, 2);
-  std::printf("AT+CIMI=%s\n", out_put);
+  fsu::platform::sdk_printf("AT+CIMI=%s\n", out_put);
   if (result == kAtOk) {
     ntu_set_text(NtuText::cimi, "");
     char cimi[kNtuTextSize];
@@ -322,7 +323,7 @@ int parse_imei(char* reply, char (&imei)[kNtuTextSize]) {
   const auto store = [&imei](const char* candidate, bool print) {
     const char* hex = std::strstr(candidate, "0X");
     if (!(hex != nullptr ? hexadecimal_imei(hex + 2, imei) : identity_digits(candidate, 15, 15, imei))) return 0;
-    if (print) std::printf("NTU.imei=%s\n", imei);
+    if (print) fsu::platform::sdk_printf("NTU.imei=%s\n", imei);
     return 1;
   };
   for (std::size_t i = 0; i < std::size(kPrefixed); ++i) {
@@ -330,8 +331,8 @@ int parse_imei(char* reply, char (&imei)[kNtuTextSize]) {
     if (at == nullptr) continue;
     char* candidate = at + std::strlen(kPrefixed[i].prefix);
     cut_at(candidate, kPrefixed[i].cut);
-    if (i == 0) std::printf("###############%s,strlen(&ptr1[7])=%zu\n", at, std::strlen(candidate));
-    if (i == 1) std::printf("###############%s\n", at);
+    if (i == 0) fsu::platform::sdk_printf("###############%s,strlen(&ptr1[7])=%zu\n", at, std::strlen(candidate));
+    if (i == 1) fsu::platform::sdk_printf("###############%s\n", at);
     return store(candidate, true);
   }
   if (std::strstr(reply, "AT+CGSN") != nullptr) {
@@ -364,9 +365,9 @@ int readEC800_info(const char* atdev) {
     return -1;
   }
   NTU.simstat.store(1);
-  std::printf("EC800 SIM OK\r\n");
+  fsu::platform::sdk_printf("EC800 SIM OK\r\n");
   if (read_creg(atdev) < 0) return -1;
-  std::printf("EC800 CREG OK\r\n");
+  fsu::platform::sdk_printf("EC800 CREG OK\r\n");
   read_cops(atdev);
   return 1;
 }

@@ -1,10 +1,12 @@
 #include "platform/command_runner.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <spawn.h>
 #include <string>
 #include <string_view>
@@ -13,6 +15,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "platform/console_output.h"
 #include "platform/sandbox_root.h"
 
 extern char** environ;
@@ -84,16 +87,14 @@ std::vector<std::string> sandbox_environment(const std::string& bin) {
   return env;
 }
 
-// Starts /bin/sh -c command; with capture_fd >= 0 its standard output goes there.
-pid_t start_shell(const char* command, int capture_fd, int close_fd) {
+// Starts /bin/sh -c command; with out_fd >= 0 its standard output goes there, with err_fd >= 0
+// its standard error. Both are write ends of pipes whose read ends are close-on-exec.
+pid_t start_shell(const char* command, int out_fd, int err_fd) {
   if (command == nullptr || !command_allowed(command)) return -1;
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  if (capture_fd >= 0) {
-    posix_spawn_file_actions_adddup2(&actions, capture_fd, STDOUT_FILENO);
-    posix_spawn_file_actions_addclose(&actions, capture_fd);
-    posix_spawn_file_actions_addclose(&actions, close_fd);
-  }
+  if (out_fd >= 0) posix_spawn_file_actions_adddup2(&actions, out_fd, STDOUT_FILENO);
+  if (err_fd >= 0) posix_spawn_file_actions_adddup2(&actions, err_fd, STDERR_FILENO);
   std::vector<std::string> env_text;
   std::vector<char*> env;
   char** envp = environ;
@@ -113,12 +114,115 @@ pid_t start_shell(const char* command, int capture_fd, int close_fd) {
   return rc == 0 ? pid : -1;
 }
 
+// What a command writes on its standard error, a line at a time, for the log. Lines are cut
+// at kLineSize; after kErrorBudget bytes the rest is read and dropped, so that a tool that
+// never stops complaining costs nothing but the reading.
+class ErrorLines {
+ public:
+  static constexpr std::size_t kLineSize = 200;
+  static constexpr std::size_t kErrorBudget = 4096;
+
+  void take(const char* bytes, std::size_t n) {
+    for (std::size_t i = 0; i < n; ++i) {
+      if (taken_ >= kErrorBudget) return;
+      ++taken_;
+      if (bytes[i] == '\n') {
+        finish();
+      } else if (line_.size() < kLineSize && bytes[i] != '\r') {
+        line_ += bytes[i];
+      }
+    }
+  }
+  void finish() {
+    if (!line_.empty()) tool_error_line(line_);
+    line_.clear();
+  }
+
+ private:
+  std::string line_;
+  std::size_t taken_ = 0;
+};
+
 int wait_for(pid_t pid) {
   int status = 0;
   while (waitpid(pid, &status, 0) < 0) {
     if (errno != EINTR) return -1;
   }
   return status;
+}
+
+// Runs the command, storing up to `size` bytes of its standard output in `out` (read from
+// `out_fd` when that is >= 0) and handing its standard error (`err_fd`) to the log; closes both.
+// Ends when the shell has ended and its pipes are drained: a child it left running in the
+// background (`nohup lte.sh &`) may hold a pipe open for ever, so a finished shell is not
+// waited past what its pipes hold already. Returns the wait status, or -1; *got the bytes stored.
+int run_and_read(pid_t pid, int out_fd, int err_fd, char* out, std::size_t size, std::size_t* got) {
+  constexpr int kDrainRounds = 64;  // reads after the shell has ended
+  ErrorLines errors;
+  char scratch[512];
+  int fds_left[2] = {out_fd, err_fd};
+  const auto finish = [&](int i) {
+    close(fds_left[i]);
+    fds_left[i] = -1;
+  };
+  int status = -1;
+  bool ended = false;
+  for (int after_end = 0; (fds_left[0] >= 0 || fds_left[1] >= 0) && after_end < kDrainRounds;) {
+    pollfd fds[2] = {{fds_left[0], POLLIN, 0}, {fds_left[1], POLLIN, 0}};
+    if (poll(fds, 2, ended ? 0 : 20) < 0 && errno != EINTR) break;
+    bool data = false;
+    for (int i = 0; i < 2; ++i) {
+      if (fds_left[i] < 0 || (fds[i].revents & (POLLIN | POLLHUP | POLLERR)) == 0) continue;
+      const bool storing = i == 0 && out != nullptr;
+      if (storing && *got >= size) {
+        finish(i);  // as popen's reader closing early: a writer still going gets SIGPIPE
+        continue;
+      }
+      char* into = storing ? out + *got : scratch;
+      const std::size_t room = storing ? size - *got : sizeof scratch;
+      const ssize_t n = read(fds_left[i], into, room);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+        finish(i);
+        continue;
+      }
+      data = true;
+      if (storing) *got += static_cast<std::size_t>(n);
+      if (i == 1) errors.take(scratch, static_cast<std::size_t>(n));
+    }
+    if (ended) {
+      if (!data) break;
+      ++after_end;
+    } else {
+      const pid_t done = waitpid(pid, &status, WNOHANG);
+      ended = done == pid || (done < 0 && errno != EINTR);
+    }
+  }
+  for (int i = 0; i < 2; ++i) {
+    if (fds_left[i] >= 0) finish(i);
+  }
+  errors.finish();
+  return ended ? status : wait_for(pid);
+}
+
+// Runs `command` with its standard error (and, with `capture`, its standard output) in pipes.
+// Returns its wait status, or -2 when it could not be started.
+int run_piped(const char* command, bool capture, char* out, std::size_t size, std::size_t* got) {
+  int err[2];
+  int outp[2] = {-1, -1};
+  if (pipe2(err, O_CLOEXEC) != 0) return -2;
+  if (capture && pipe2(outp, O_CLOEXEC) != 0) {
+    close(err[0]);
+    close(err[1]);
+    return -2;
+  }
+  const pid_t pid = start_shell(command, outp[1], err[1]);
+  close(err[1]);
+  if (outp[1] >= 0) close(outp[1]);
+  if (pid >= 0) return run_and_read(pid, outp[0], err[0], out, size, got);
+  close(err[0]);
+  if (outp[0] >= 0) close(outp[0]);
+  return -2;
 }
 
 }  // namespace
@@ -128,11 +232,11 @@ bool command_allowed(const char* command) {
   if (!in_sandbox()) return true;
   const std::string bin = std::string(root()) + "/bin";
   if (!is_directory(bin)) {
-    std::fprintf(stderr, "fsu: sandbox %s has no bin/, command not run: %s\n", root(), command);
+    sdk_eprintf("fsu: sandbox %s has no bin/, command not run: %s\n", root(), command);
     return false;
   }
   if (!device_tools_have_stand_ins(command, bin)) {
-    std::fprintf(stderr, "fsu: device tool without stand-in in %s, command not run: %s\n", bin.c_str(),
+    sdk_eprintf("fsu: device tool without stand-in in %s, command not run: %s\n", bin.c_str(),
                  command);
     return false;
   }
@@ -140,8 +244,9 @@ bool command_allowed(const char* command) {
 }
 
 int run_command(const char* command) {
-  const pid_t pid = start_shell(command, -1, -1);
-  return pid < 0 ? -1 : wait_for(pid);
+  std::size_t got = 0;
+  const int status = run_piped(command, false, nullptr, 0, &got);
+  return status == -2 ? -1 : status;
 }
 
 int run_commandf(const char* format, ...) {
@@ -155,25 +260,8 @@ int run_commandf(const char* format, ...) {
 }
 
 long capture_command(const char* command, char* out, std::size_t size) {
-  int fds[2];
-  if (pipe2(fds, O_CLOEXEC) != 0) return -1;
-  const pid_t pid = start_shell(command, fds[1], fds[0]);
-  close(fds[1]);
-  if (pid < 0) {
-    close(fds[0]);
-    return -1;
-  }
   std::size_t got = 0;
-  while (out != nullptr && got < size) {
-    const ssize_t n = read(fds[0], out + got, size - got);
-    if (n > 0) {
-      got += static_cast<std::size_t>(n);
-    } else if (n == 0 || errno != EINTR) {
-      break;
-    }
-  }
-  close(fds[0]);
-  wait_for(pid);
+  if (run_piped(command, true, out, size, &got) == -2) return -1;
   return static_cast<long>(got);
 }
 

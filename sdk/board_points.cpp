@@ -6,6 +6,7 @@
 #include "board/gpio.h"
 #include "fsusdk.h"
 #include "platform/clock.h"
+#include "platform/console_output.h"
 #include "sdk/resource_catalogue.h"
 #include "serial/environment_link.h"
 #include "serial/extension_link.h"
@@ -40,7 +41,7 @@ int Read_GpioPin_FromRESOURCES(int id) {
 void LED_GPIO_INIT() {
   for (const LedGpio& row : LED_GPIO_LIST) {
     if (row.gpio == kNoGpio) continue;
-    std::printf("LED_GPIO_INIT=%d\r\n", row.gpio);
+    fsu::platform::sdk_printf("LED_GPIO_INIT=%d\r\n", row.gpio);
     board::bsp_gpio_export(row.gpio);
     board::bsp_gpio_direction(row.gpio, 1);
     board::bsp_gpio_write(row.gpio, 1);  // dark: the LED lines are active low
@@ -93,7 +94,7 @@ int SetDOValue_FromResourceName(int id, int value) {
     // The sender reads the flag with acquire: the value must be in place before it.
     env.ucDoSetValue[id - 301].store(static_cast<std::uint8_t>(value), std::memory_order_relaxed);
     env.ucDoSetFlag[id - 301].store(1, std::memory_order_release);
-    if (id == 301) std::printf("LOCAL_DO_1 set %d", value);
+    if (id == 301) fsu::platform::sdk_printf("LOCAL_DO_1 set %d", value);
     return 0;
   }
   if (id >= 305 && id <= 308) {

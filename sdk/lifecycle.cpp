@@ -10,6 +10,7 @@
 #include "platform/caller_text.h"
 #include "platform/clock.h"
 #include "platform/command_runner.h"
+#include "platform/console_output.h"
 #include "platform/process_memory.h"
 #include "platform/safe_file.h"
 #include "platform/sandbox_root.h"
@@ -62,9 +63,9 @@ void SYSTEM_INIT() {
 void HW_RESOURCES_CHECK() {
   char output[4096] = {};
   support::syscmd_read("hwclock -r", output, sizeof output);
-  std::printf("rtc:%s\r\n", output);
+  fsu::platform::sdk_printf("rtc:%s\r\n", output);
   if (output[0] == '\0') RTC_IS_Err.store(1);
-  std::printf("rtc %d\r\n", RTC_IS_Err.load());
+  fsu::platform::sdk_printf("rtc %d\r\n", RTC_IS_Err.load());
 }
 
 int HW_RTC_IS_Err() { return RTC_IS_Err.load(); }

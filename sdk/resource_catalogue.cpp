@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "fsusdk.h"
+#include "platform/console_output.h"
 #include "support/bounded_text.h"
 #include "support/sdk_log.h"
 
@@ -86,7 +87,7 @@ void BSP_Resource_CHECK() {
   n.do_.store(dos);
   n.ao.store(0);
   SDK_LOG_WRITE(SDK_LOG_SYS, "COM=%d;AI=%d;DI=%d,AO=%d,DO=%d", com, ai, di, 0, dos);
-  std::printf("COM=%d;AI=%d;DI=%d,AO=%d,DO=%d", com, ai, di, 0, dos);
+  fsu::platform::sdk_printf("COM=%d;AI=%d;DI=%d,AO=%d,DO=%d", com, ai, di, 0, dos);
 }
 
 int sdk_read_com_num() { return STR_SYSTEM_RESOURCES_NUM.com.load(); }

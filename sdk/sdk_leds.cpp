@@ -5,6 +5,7 @@
 
 #include "lte/ntu.h"
 #include "platform/clock.h"
+#include "platform/console_output.h"
 #include "sdk/board_points.h"
 #include "serial/environment_link.h"
 
@@ -23,10 +24,10 @@ void sweep(int value) {
 }  // namespace
 
 void sdk_start_log() {
-  std::puts("SDK:open all led\r");
+  fsu::platform::sdk_puts("SDK:open all led\r");
   sweep(1);
   platform::sleep_s(1);
-  std::puts("SDK:close all led\r");
+  fsu::platform::sdk_puts("SDK:close all led\r");
   sweep(0);
 }
 

@@ -7,6 +7,7 @@
 
 #include "fsusdk.h"
 #include "platform/clock.h"
+#include "platform/console_output.h"
 #include "sdk/resource_catalogue.h"
 #include "serial/extension_link.h"
 #include "serial/serial_ports.h"
@@ -76,7 +77,7 @@ void COM_Attr_init_FromFile() {
       a.pending.store(0);
       a.attr.store(0);
     }
-    std::puts("no com attr file\r");
+    fsu::platform::sdk_puts("no com attr file\r");
     return;
   }
   const char* count = support::BSP_ReadPar(kAttrFile, "com_num");
@@ -89,7 +90,7 @@ void COM_Attr_init_FromFile() {
     if (value == nullptr) continue;
     const std::uint8_t attr = static_cast<std::uint8_t>(decimal(value));
     SDK_COM_Attr[i - 1].attr.store(attr);
-    std::printf("com %d attr=%d\r\n", i, attr);
+    fsu::platform::sdk_printf("com %d attr=%d\r\n", i, attr);
   }
 }
 
@@ -113,7 +114,7 @@ void SDK_ComAttr(const char* path) {
   if (value_text == nullptr) return;
   const int value = decimal(value_text);
   if (port >= 1 && port <= 19) SDK_COM_Attr[port - 1].attr.store(static_cast<std::uint8_t>(value));
-  std::printf("set com%d attr=%d ", port, value);
+  fsu::platform::sdk_printf("set com%d attr=%d ", port, value);
   SDK_LOG_WRITE(SDK_LOG_SYS, "set com%d attr=%d ", port, value);
 }
 

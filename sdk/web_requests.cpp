@@ -10,6 +10,7 @@
 
 #include "fsusdk.h"
 #include "lte/ntu.h"
+#include "platform/console_output.h"
 #include "platform/safe_file.h"
 #include "sdk/resource_catalogue.h"
 #include "sdk/uart_api.h"
@@ -159,7 +160,7 @@ void web_request_pass(WebRequestState& state) {
 }
 
 void* API_TEST_FOR_WEB(void*) {
-  std::puts("run api test fun\r");
+  fsu::platform::sdk_puts("run api test fun\r");
   platform::sleep_s(1);
   web_request_setup();
   WebRequestState state;

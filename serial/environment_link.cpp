@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "platform/clock.h"
+#include "platform/console_output.h"
 #include "serial/board_answers.h"
 #include "sdk/resource_catalogue.h"
 #include "serial/extension_link.h"
@@ -76,7 +77,7 @@ int ENV_TTYSCOM_SET_BAU(int baud, int data_bits, int stop_bits, int parity) {
 int DO_API_SET_CHECK() {
   for (int i = 0; i < 8; ++i) {
     if (STR_BSP_ENV_INFO.ucDoSetFlag[i].load(std::memory_order_acquire) == 1) {
-      std::printf("ready set do %d", i);
+      fsu::platform::sdk_printf("ready set do %d", i);
       return 1;
     }
   }
@@ -123,7 +124,7 @@ void* ENV_COM_SEND_THREAD(void* arg) {
   const std::int32_t value = *static_cast<std::int32_t*>(arg);
   print_stump(value, __func__, __LINE__);
   ENV_TTYSCOM_SET_BAU(9600, 8, 1, 0);
-  std::printf("fun-ENV_COM_SEND_THREAD=%d\r\n", value);
+  fsu::platform::sdk_printf("fun-ENV_COM_SEND_THREAD=%d\r\n", value);
   for (;;) {
     platform::sleep_s(1);
     env_com_send_pass();

@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "platform/clock.h"
+#include "platform/console_output.h"
 #include "serial/board_answers.h"
 #include "sdk/resource_catalogue.h"
 #include "serial/environment_link.h"
@@ -130,7 +131,7 @@ int EXT_TOP_DO_SET(int output, int value) {
   std::uint8_t frame[8];
   const std::size_t len = build_link_frame(static_cast<std::uint8_t>(output - 0x57), data, 1, frame, sizeof frame);
   const int written = write_to_board(2, frame, len);
-  std::printf("EXT_TOP_DO_SET CH%d =%d\r\n", output, value);
+  fsu::platform::sdk_printf("EXT_TOP_DO_SET CH%d =%d\r\n", output, value);
   return written;
 }
 

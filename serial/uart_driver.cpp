@@ -7,9 +7,11 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "platform/clock.h"
+#include "platform/console_output.h"
 #include "platform/sandbox_root.h"
 #include "support/sdk_log.h"
 
@@ -21,8 +23,12 @@ std::uint32_t fail(const char* function, int line, std::uint32_t code) {
   return code;
 }
 
+void driver_line(const char* text);
+
 void assert_null(const char* function, int line) {
-  std::printf("ASSERT: FILE: %s, FUNCTION:%s, LINE: %d, x=NULL!\n", kDriverModule, function, line);
+  char text[160];
+  std::snprintf(text, sizeof text, "ASSERT: FILE: %s, FUNCTION:%s, LINE: %d, x=NULL!", kDriverModule, function, line);
+  driver_line(text);
 }
 
 struct BaudRow {
@@ -85,27 +91,103 @@ bool write_all(int fd, const std::uint8_t* p, std::uint32_t len, std::uint32_t* 
   return true;
 }
 
+// Why ports are missing, once told in words: the driver's ERROR lines about ports that are not
+// open then add nothing, and go to the log only.
+std::atomic<bool> g_ports_explained{false};
+
+// The process holding an advisory lock on the file open at `fd`, from /proc/locks, or 0.
+long lock_holder(int fd) {
+  struct stat st{};
+  if (fstat(fd, &st) != 0) return 0;
+  char wanted[64];
+  std::snprintf(wanted, sizeof wanted, ":%lu ", static_cast<unsigned long>(st.st_ino));
+  std::FILE* locks = std::fopen("/proc/locks", "re");
+  if (locks == nullptr) return 0;
+  long holder = 0;
+  char line[256];
+  for (int n = 0; n < 4096 && holder == 0 && std::fgets(line, sizeof line, locks) != nullptr; ++n) {
+    // "1: FLOCK  ADVISORY  WRITE 4242 00:1a:7 0 EOF": the pid, then major:minor:inode.
+    long pid = 0;
+    char device[64] = {};
+    if (std::strstr(line, "FLOCK") == nullptr || std::sscanf(line, "%*s %*s %*s %*s %ld %63s", &pid, device) != 2) {
+      continue;
+    }
+    const std::size_t len = std::strlen(device);
+    device[len] = ' ';  // the inode field ends the text: match it with its blank
+    if (len + 1 < sizeof device && std::strstr(device, wanted) != nullptr && pid > 0) holder = pid;
+  }
+  std::fclose(locks);
+  return holder;
+}
+
 // One SDK process per unit: an open port holds an advisory lock, so that a second process is
 // told the ports are taken instead of both silently stealing each other's bytes.
 bool take_port(int fd, const char* path) {
   if (flock(fd, LOCK_EX | LOCK_NB) == 0) return true;
   static std::atomic<bool> told{false};
   if (!told.exchange(true)) {
-    std::printf("SDK: %s is taken by another SDK process; one process at a time may use the unit's serial "
-                "ports, this one leaves the taken ports alone\n", path);
-    support::SDK_LOG_WRITE(support::SDK_LOG_SYS, "serial ports taken by another process (%s)", path);
+    const long holder = lock_holder(fd);
+    const char* digit = path + std::strlen(path) - 1;
+    if (holder > 0) {
+      platform::sdk_printf("SDK: UART %c is held by process %ld; one program at a time may use the unit's serial "
+                           "ports, this one leaves the taken ports alone\n",
+                           *digit, holder);
+    } else {
+      platform::sdk_printf("SDK: %s is taken by another SDK process; one program at a time may use the unit's "
+                           "serial ports, this one leaves the taken ports alone\n",
+                           path);
+    }
+    g_ports_explained.store(true);
+    support::SDK_LOG_WRITE(support::SDK_LOG_SYS, "serial ports taken by another process %ld (%s)", holder, path);
   }
   return false;
+}
+
+// A sandbox whose port device is missing holds a simulated unit that is not running: said once,
+// in words, instead of a driver error for every read of every port.
+void tell_unit_missing(const char* path) {
+  static std::atomic<bool> told{false};
+  if (told.exchange(true)) return;
+  const char* root = platform::root();
+  platform::sdk_printf("SDK: the simulated unit in %s is not running (%s%s is missing; fsusim up --root %s starts "
+                       "it)\n",
+                       root, root, path, root);
+  g_ports_explained.store(true);
+  support::SDK_LOG_WRITE(support::SDK_LOG_SYS, "the simulated unit is not running (%s is missing)", path);
+}
+
+// The driver's ERROR, ASSERT and STUMP lines: past a few in a second, a line repeated within
+// the second is held back and counted, and comes out again with the count a second later.
+constexpr std::uint32_t kDriverBurst = 3;
+void driver_line(const char* text) {
+  static platform::RepeatFilter& filter = *new platform::RepeatFilter(1.0, kDriverBurst);  // used by threads past exit
+  std::uint32_t held = 0;
+  if (!filter.pass(text, platform::monotonic_seconds(), &held)) return;
+  if (held == 0) {
+    platform::sdk_printf("%s\n", text);
+  } else {
+    platform::sdk_printf("%s (%u more like it in the last second)\n", text, held);
+  }
 }
 
 }  // namespace
 
 void print_stump(int index, const char* function, int line) {
-  std::printf("STUMP[%03d]: FILE: %s, FUNCTION: %s, LINE: %d.\n", index, kThreadModule, function, line);
+  char text[160];
+  std::snprintf(text, sizeof text, "STUMP[%03d]: FILE: %s, FUNCTION: %s, LINE: %d.", index, kThreadModule, function,
+                line);
+  driver_line(text);
 }
 
 void print_error(const char* function, int line, std::uint32_t code) {
-  std::printf("ERROR: FILE:%s, FUNCTION:%s, LINE:%d, ErrNo:0x%08x.\n", kDriverModule, function, line, code);
+  char text[160];
+  std::snprintf(text, sizeof text, "ERROR: FILE:%s, FUNCTION:%s, LINE:%d, ErrNo:0x%08x.", kDriverModule, function,
+                line, code);
+  if (code == BSP_COM_ERR_DEVICE && g_ports_explained.load()) {
+    support::SDK_LOG_WRITE(support::SDK_LOG_SO, "%s", text);
+    return;
+  }
+  driver_line(text);
 }
 
 const std::int32_t g_nComSlots = kComSlots;
@@ -124,16 +206,21 @@ std::uint32_t BSP_ComCreate(std::uint32_t slot) {
   // A port opened again is not left open twice: its lock would refuse the second open.
   if (const int old = obj.nFd.exchange(-1); old >= 0) close(old);
   int fd = open(platform::DevicePath(obj.szPath).c_str(), kPortOpenFlags);
+  if (fd < 0 && errno == ENOENT && platform::in_sandbox()) tell_unit_missing(obj.szPath);
   if (fd >= 0 && !take_port(fd, obj.szPath)) {
     close(fd);
     fd = -1;
   }
+  if (fd < 0 && g_ports_explained.load()) {
+    support::SDK_LOG_WRITE(support::SDK_LOG_SO, "BSP_ComCreate(%d, %s) Failed !", static_cast<int>(slot), obj.szPath);
+    return BSP_COM_ERR_DEVICE;
+  }
   if (fd < 0) {
-    std::printf("BSP_ComCreate(%d, %s) Failed !\n", static_cast<int>(slot), obj.szPath);
+    fsu::platform::sdk_printf("BSP_ComCreate(%d, %s) Failed !\n", static_cast<int>(slot), obj.szPath);
     return fail(__func__, __LINE__, BSP_COM_ERR_DEVICE);
   }
   obj.nFd.store(fd);
-  std::printf("BSP_ComCreate(%d, %s) success !\n", static_cast<int>(slot), obj.szPath);
+  fsu::platform::sdk_printf("BSP_ComCreate(%d, %s) success !\n", static_cast<int>(slot), obj.szPath);
   return 0;
 }
 
@@ -163,7 +250,7 @@ std::uint32_t build_termios(const BSP_COM_PARAMS& params, termios* t) {
     if (r.rate == params.nBaudrate) row = &r;
   }
   if (row == nullptr) {
-    std::printf("Unsupported nBaudrate %d\n", static_cast<int>(params.nBaudrate));
+    fsu::platform::sdk_printf("Unsupported nBaudrate %d\n", static_cast<int>(params.nBaudrate));
     return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
   }
   cfsetispeed(t, row->speed);
@@ -184,7 +271,7 @@ std::uint32_t build_termios(const BSP_COM_PARAMS& params, termios* t) {
       t->c_iflag |= INPCK;
       break;
     default:
-      std::printf("Unsupported parity %d\n", static_cast<int>(params.nParity));
+      fsu::platform::sdk_printf("Unsupported parity %d\n", static_cast<int>(params.nParity));
       return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
   }
 
@@ -195,7 +282,7 @@ std::uint32_t build_termios(const BSP_COM_PARAMS& params, termios* t) {
     case 7: t->c_cflag |= CS7; break;
     case 8: t->c_cflag |= CS8; break;
     default:
-      std::printf("Unsupported data bits %d\n", static_cast<int>(params.nDataBits));
+      fsu::platform::sdk_printf("Unsupported data bits %d\n", static_cast<int>(params.nDataBits));
       return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
   }
 
@@ -205,7 +292,7 @@ std::uint32_t build_termios(const BSP_COM_PARAMS& params, termios* t) {
     case 1: break;
     case 2: t->c_cflag |= CSTOPB; break;
     default:
-      std::printf("Unsupported stop bits %d\n", static_cast<int>(params.nStopBits));
+      fsu::platform::sdk_printf("Unsupported stop bits %d\n", static_cast<int>(params.nStopBits));
       return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
   }
 
@@ -228,16 +315,16 @@ std::uint32_t BSP_ComSetParams(std::uint32_t slot, const BSP_COM_PARAMS* params)
 
   termios t{};
   if (tcgetattr(fd, &t) != 0) {
-    std::printf("tcgetattr(%d) failed %d!!\n", static_cast<int>(slot), errno);
+    fsu::platform::sdk_printf("tcgetattr(%d) failed %d!!\n", static_cast<int>(slot), errno);
     return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
   }
   if (const std::uint32_t rc = build_termios(*params, &t); rc != 0) return rc;
   if (const int rc = tcflush(fd, TCIOFLUSH); rc != 0) {
-    std::printf("tcflush(%d) failed!, %d\n ", static_cast<int>(slot), rc);
+    fsu::platform::sdk_printf("tcflush(%d) failed!, %d\n ", static_cast<int>(slot), rc);
     return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
   }
   if (const int rc = tcsetattr(fd, TCSANOW, &t); rc != 0) {
-    std::printf("Tcsetattr(Com = %d) failed !! %d\n", static_cast<int>(slot), rc);
+    fsu::platform::sdk_printf("Tcsetattr(Com = %d) failed !! %d\n", static_cast<int>(slot), rc);
     return fail(__func__, __LINE__, BSP_COM_ERR_PARAM);
   }
   return 0;

@@ -16,6 +16,7 @@
 #include "platform/clock.h"
 #include "sim/line_ends.h"
 #include "sim/sandbox.h"
+#include "sim/unit_registry.h"
 
 namespace fsu::sim {
 namespace {
@@ -127,6 +128,11 @@ Board::Board(std::string root, BoardOptions options)
           "gps fix|nofix|cold|silent|noise | gps position LAT LON [ALT [SEP]] | gps time now|YYYY-MM-DDTHH:MM:SS | "
           "gps sky gps|bd [ID:CN0...] | gps talker gn|split | gps leap SECONDS | gps drop N",
           &Board::set_receiver);
+  commands_.add("reboot", "reboot (what the reboot stand-in sends)", [this](std::span<const std::string_view> args) {
+    if (!args.empty()) return std::string("takes no arguments");
+    ++reboots_;
+    return std::string();
+  });
   state_.add_section([this](std::string& out) { describe_board(out); });
   state_.add_section([this](std::string& out) { describe_serial(out); });
   state_.add_section([this](std::string& out) { describe_extensions(out); });
@@ -137,6 +143,7 @@ Board::Board(std::string root, BoardOptions options)
     if (receiver_ != nullptr) receiver_->describe_state(out);
   });
   state_.add_section([this](std::string& out) { describe_gpio(out); });
+  state_.add_section([this](std::string& out) { describe_watchdog(out); });
   state_.add_section([this](std::string& out) { describe_control(out); });
 }
 
@@ -161,7 +168,8 @@ bool Board::start(std::string* error) {
     if (!write_file(value, line == kModemPowerLine ? "1\n" : "0\n")) return fail("cannot reset " + value + ": " + std::strerror(errno));
   }
   if (!control_.reset(&why)) return fail(why);
-  applied_ = failed_ = 0;
+  unlink((root_ + "/tmp/softdog").c_str());  // an earlier application's watchdog is not this one's
+  applied_ = failed_ = reboots_ = 0;
   errors_.clear();
   environment_ = std::make_unique<EnvironmentBoard>();
   for (int i = 0; i < kMainPorts; ++i) {
@@ -192,6 +200,7 @@ bool Board::start(std::string* error) {
     return fail("cannot write " + pid_file + ": " + std::strerror(errno));
   }
   up_ = true;
+  register_unit(getpid(), root_);  // for `fsusim ls`; a unit that cannot be listed still runs
   state_.update(platform::monotonic_seconds(), true);
   start_guard();
   thread_ = std::thread(&Board::serve, this);
@@ -255,6 +264,7 @@ void Board::stop() {
   close_ports();
   state_.write("board down\n");
   unlink((root_ + "/sim/board.pid").c_str());
+  unregister_unit(getpid());
   if (guard_ > 0) {
     close(guard_pipe_);
     waitpid(guard_, nullptr, 0);
@@ -508,6 +518,27 @@ void Board::describe_gpio(std::string& out) const {
     out += std::string(gpio.what) + " gpio=" + std::to_string(gpio.line) + " value=" +
            (value == '0' || value == '1' ? std::string(1, value) : "?") + " state=" + state + "\n";
   }
+}
+
+// The SDK's software watchdog as the application's SDK shows it in tmp/softdog (anyone may
+// write that file: only the expected words and numbers are taken), and the reboots asked for.
+void Board::describe_watchdog(std::string& out) const {
+  char text[128] = {};
+  const int fd = open((root_ + "/tmp/softdog").c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  const ssize_t n = fd >= 0 ? read(fd, text, sizeof text - 1) : 0;
+  if (fd >= 0) close(fd);
+  char armed[4] = {};
+  unsigned long interval = 0;
+  unsigned long left = 0;
+  const int got = n > 0 ? std::sscanf(text, "armed=%3[a-z] interval=%lu left=%lu", armed, &interval, &left) : 0;
+  out += "watchdog";
+  if (got >= 2 && (std::string_view(armed) == "yes" || std::string_view(armed) == "no")) {
+    out += std::string(" armed=") + armed + " interval=" + std::to_string(interval);
+    out += got == 3 && std::string_view(armed) == "yes" ? " left=" + std::to_string(left) : std::string(" left=-");
+  } else {
+    out += " armed=unknown interval=- left=-";  // no application has started the SDK here
+  }
+  out += " reboots=" + std::to_string(reboots_) + "\n";
 }
 
 void Board::describe_control(std::string& out) const {

@@ -70,6 +70,7 @@ class Board {
   void describe_extensions(std::string& out) const;
   void describe_gpio(std::string& out) const;
   void describe_control(std::string& out) const;
+  void describe_watchdog(std::string& out) const;
   void close_ports();
   void start_guard();
 
@@ -86,6 +87,7 @@ class Board {
   StateFile state_;
   std::uint64_t applied_ = 0;
   std::uint64_t failed_ = 0;
+  std::uint64_t reboots_ = 0;  // `reboot` asked of the unit since the board came up
   std::deque<std::string> errors_;  // the latest rejected lines, for sim/state
   std::thread thread_;
   int wake_[2] = {-1, -1};  // a byte in this pipe ends the service thread

@@ -18,6 +18,7 @@
 
 #include "platform/sandbox_root.h"
 #include "sim/board.h"
+#include "sim/cli_commands.h"
 #include "sim/control_client.h"
 #include "sim/sandbox.h"
 #include "sim/uci_file.h"
@@ -42,9 +43,10 @@ constexpr char kUsage[] =
     "  fsusim ctl --root DIR LINE...\n"
     "      hand control lines (such as \"uart 2 terminal\" or \"ai 3 2.5\") to the board up in\n"
     "      DIR and wait until it has taken them; exits 1 when one was rejected\n"
-    "  fsusim status --root DIR [--json]\n"
+    "  fsusim status --root DIR [--json | --watch]\n"
     "      the state of the board up in DIR: its sim/state lines, or one JSON object keyed\n"
     "      by their opening words (\"relay 2\", \"modem\", ...)\n"
+    "%s"
     "%s"
     "  fsusim tool NAME ARG...\n"
     "      the simulator's side of a stand-in device tool (uci)\n"
@@ -58,7 +60,7 @@ constexpr char kUsage[] =
     "  --ctl LINE     a control line applied as the board comes up (\"modem row 11\")\n";
 
 int usage(int code) {
-  std::fprintf(code == 0 ? stdout : stderr, kUsage, fsu::sim::kWebUsage);
+  std::fprintf(code == 0 ? stdout : stderr, kUsage, fsu::sim::kWebUsage, fsu::sim::kCliUsage);
   return code;
 }
 
@@ -380,11 +382,14 @@ int command_web(int argc, char** argv) {
 int command_status(int argc, char** argv) {
   const char* root_arg = nullptr;
   bool json = false;
+  bool watch = false;
   for (int i = 0; i < argc; ++i) {
     std::vector<std::string> unused;
     std::string error;
     if (std::string_view(argv[i]) == "--json") {
       json = true;
+    } else if (std::string_view(argv[i]) == "--watch") {
+      watch = true;
     } else if (!board_option(argc, argv, &i, &root_arg, &unused, &error) || !unused.empty() || !error.empty()) {
       return bad_use("status: " + (error.empty() ? "unknown argument " + std::string(argv[i]) : error));
     }
@@ -392,6 +397,8 @@ int command_status(int argc, char** argv) {
   if (root_arg == nullptr) return bad_use("status: needs --root DIR");
   std::string root;
   if (!usable_root(root_arg, &root)) return 1;
+  if (watch && json) return bad_use("status: --watch or --json, not both");
+  if (watch) return fsu::sim::watch_status(root);
   const auto status = fsu::sim::read_unit_status(root);
   if (fsu::sim::board_process(root) == 0 || !status) return failure("the simulated unit in " + root + " is not running");
   if (json) {
@@ -437,5 +444,9 @@ int main(int argc, char** argv) {
   if (command == "web") return command_web(argc - 2, argv + 2);
   if (command == "tool") return command_tool(argc - 2, argv + 2);
   if (command == "status") return command_status(argc - 2, argv + 2);
-  return bad_use("unknown command " + std::string(command) + " (commands: run, up, ctl, web, status, tool)");
+  if (command == "ls") return fsu::sim::command_ls(argc - 2, argv + 2);
+  if (command == "term") return fsu::sim::command_term(argc - 2, argv + 2);
+  if (command == "clean") return fsu::sim::command_clean(argc - 2, argv + 2);
+  return bad_use("unknown command " + std::string(command) +
+                 " (commands: run, up, ctl, web, status, ls, term, clean, tool)");
 }

@@ -69,6 +69,10 @@ exit 0
 constexpr std::string_view kLteSh = R"(printf 'modem dial\n' >>"$root/sim/control"
 )";
 
+// A reboot asked of the unit is counted by the board (sim/state's watchdog line).
+constexpr std::string_view kReboot = R"(printf 'reboot\n' >>"$root/sim/control"
+)";
+
 // Stopping pppd or the dial script takes the data link down.
 constexpr std::string_view kKillall = R"(for arg; do
   case $arg in pppd|lte.sh) printf 'modem hangup\n' >>"$root/sim/control"; break ;; esac
@@ -143,7 +147,7 @@ struct Tool {
 
 // Every device tool that the platform layer insists on finding here.
 constexpr Tool kTools[] = {
-    {"killall", kKillall},     {"nohup", kNohup},         {"reboot", kRecordOnly},   {"kvupgrade", kRecordOnly},
+    {"killall", kKillall},     {"nohup", kNohup},         {"reboot", kReboot},   {"kvupgrade", kRecordOnly},
     {"user.sh", kUserSh},      {"pppd", kRecordOnly},     {"poweroff", kRecordOnly},
     {"halt", kRecordOnly},     {"shutdown", kRecordOnly}, {"hwclock", kHwclock},
     {"date", kDate},           {"uci", kUci},             {"lsusb", kLsusb},

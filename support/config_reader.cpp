@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/console_output.h"
 #include "platform/sandbox_root.h"
 #include "support/file_helpers.h"
 #include "support/thread_buffer.h"
@@ -193,7 +194,7 @@ const char* sdkls(const char* dir) {
   const platform::DevicePath resolved(dir);
   DIR* d = resolved.ok() ? opendir(resolved.c_str()) : nullptr;
   if (d == nullptr) {
-    std::printf("can't open %s\n", dir);
+    fsu::platform::sdk_printf("can't open %s\n", dir);
     return nullptr;
   }
   std::size_t used = 0;

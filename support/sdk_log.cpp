@@ -11,6 +11,7 @@
 
 #include "platform/clock.h"
 #include "platform/command_runner.h"
+#include "platform/console_output.h"
 #include "platform/sandbox_root.h"
 #include "support/bounded_text.h"
 #include "support/file_helpers.h"
@@ -117,6 +118,18 @@ void pack_moved_log() {
   platform::run_commandf("rm %s", moved.c_str());
   g_packing.store(false);
 }
+
+// The device tools' complaints and, with FSU_QUIET=1, the library's own prints, as records.
+// The texts come from tools and devices: written as LogText, so no line break forges a record.
+void log_console_text(bool tool, const char* text) {
+  const LogText shown(text);
+  if (tool) {
+    SDK_LOG_WRITE(SDK_LOG_SYS, "tool said: %s", shown.c_str());
+  } else {
+    SDK_LOG_WRITE(SDK_LOG_OTHER, "%s", shown.c_str());
+  }
+}
+[[maybe_unused]] const bool g_sink_installed = (platform::set_log_sink(&log_console_text), true);
 
 }  // namespace
 

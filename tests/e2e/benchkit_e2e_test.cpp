@@ -1,11 +1,13 @@
 // benchkit on the simulated board, driven like a person at the console.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <tuple>
+#include <unistd.h>
 
 #include "tests/common/console_driver.h"
 #include "tests/common/test_sandbox.h"
@@ -105,6 +107,64 @@ TEST(BenchkitOnSimulator, APersonAtTheTerminalSwitchesTheLogAndTheTwelveVoltLine
   ASSERT_TRUE(console.wait_for_count("PPP0", 2 + count(console.output(), "PPP0"), 15)) << console.output();
   console.send("\x03");
   EXPECT_EQ(console.wait_exit(10), 128 + SIGINT);
+}
+
+// The console speaks only for itself: the device tools' complaints go to the SDK log, FSU_QUIET=1
+// sends the library's own prints there too, and a unit that is not running is one line.
+// Polls `done` for at most 40 s (a busy machine); a few seconds on an idle one.
+bool eventually(const auto& done) {
+  for (int i = 0; i < 400 && !done(); ++i) usleep(100000);
+  return done();
+}
+
+TEST(BenchkitOnSimulator, KeepsTheToolsOutOfTheConsoleIsQuietOnRequestAndSaysInOneLineThatTheUnitIsDown) {
+  TestSandbox box;
+  const auto benchkit_with = [&](const std::string& environment) {
+    return std::vector<std::string>{fsusim_path(), "run", "--root", box.root(), "--ctl", "modem registered no", "--",
+                                    "sh", "-c", environment + " exec " + benchkit_path() + " 2>>" + box.path("/stderr")};
+  };
+  {
+    // A minute of the unit's time (ten times faster) with the modem offline: ifconfig ppp0
+    // fails every 2 s and the receiver's files are removed, all of it into the log.
+    ConsoleDriver console(benchkit_with("FSU_CLOCK_RATE=10"), ConsoleDriver::Mode::kPipes);
+    ASSERT_TRUE(console.wait_for("输入测试项: ", 30)) << console.output();
+    const auto start = std::chrono::steady_clock::now();  // 6 s here are 60 s of the unit's clock
+    ASSERT_TRUE(eventually([&] {
+      return std::chrono::steady_clock::now() - start > std::chrono::seconds(6) && count(box.calls(), "ifconfig ppp0\n") >= 10;
+    })) << box.calls();
+    EXPECT_EQ(box.read("/stderr"), "");
+    const std::string log = box.read("/tmp/sdklog.log");
+    EXPECT_NE(log.find("]:tool said: ifconfig: ppp0: error fetching interface information: Device not found"),
+              std::string::npos) << log;
+    // Repeats held back, counted, once a minute.
+    EXPECT_LE(5 * count(log, "tool said: ifconfig: ppp0"), count(box.calls(), "ifconfig ppp0\n")) << log;
+  }
+  {
+    ConsoleDriver quiet(benchkit_with("FSU_QUIET=1"), ConsoleDriver::Mode::kPipes);
+    ASSERT_TRUE(quiet.wait_for("输入测试项: ", 30)) << quiet.output();
+    quiet.send("2\n");
+    ASSERT_TRUE(quiet.wait_for_count("输入测试项: ", 2, 10)) << quiet.output();
+    EXPECT_EQ(quiet.output(), kMenu + "串口数量:12\r\nAI数量:16\r\nDI数量:16\r\nDO数量:4\r\n" + kMenu);
+    const std::string log = box.read("/tmp/sdklog.log");
+    EXPECT_NE(log.find("sdk_OTHER Line=0000000"), std::string::npos);
+    EXPECT_NE(log.find("]:SDK:open all led"), std::string::npos);
+    quiet.end_input();
+    EXPECT_EQ(quiet.wait_exit(10), 0);
+    EXPECT_EQ(box.read("/stderr"), "");
+  }
+  // The board is down now: one line says so, and not a driver error for every read of every port.
+  ConsoleDriver down({"env", "FSU_ROOT=" + box.root(), "PATH=" + box.root() + "/bin:/usr/bin:/bin", "FSU_CLOCK_RATE=10",
+                      benchkit_path()},
+                     ConsoleDriver::Mode::kTerminal);  // standard error too
+  ASSERT_TRUE(down.wait_for("输入测试项: ", 30)) << down.output();
+  // The port threads have tried their ports many times over.
+  ASSERT_TRUE(eventually([&] { return count(box.read("/tmp/sdklog.log"), "FUNCTION:BSP_ComRead") > 100; }));
+  const std::string said = "SDK: the simulated unit in " + box.root() + " is not running (" + box.root() +
+                           "/dev/ttymxc1 is missing; fsusim up --root " + box.root() + " starts it)";
+  EXPECT_EQ(count(down.output(), said), 1) << down.output();
+  EXPECT_EQ(count(down.output(), "ERROR:"), 0) << down.output();
+  down.end_input();
+  EXPECT_EQ(down.wait_exit(10), 0);
 }
 
 // Off a board benchkit refuses with one line; --help and --version answer anywhere. Neither

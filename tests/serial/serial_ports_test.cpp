@@ -143,8 +143,15 @@ TEST(UartDriver, RefusesMissingSlotsAndDevicesAndIsNeverTheControllingTerminalOf
                 std::tuple(err, err, err, err));
     }
   });
-  EXPECT_TRUE(printed.find("BSP_ComCreate(2, /dev/ttymxc3) Failed !\nERROR: FILE:bsp_m_com, FUNCTION:BSP_ComCreate, LINE:") !=
-                  std::string::npos && printed.find("ErrNo:0x01020004.\n") != std::string::npos) << printed;
+  // A sandbox without its port devices is a simulated unit that is not running: said once, in
+  // words, and the driver's errors about the missing port go to the log only.
+  const std::size_t told = printed.find("SDK: the simulated unit in " + box.root() + " is not running (" + box.root() +
+                                        "/dev/ttymxc3 is missing; fsusim up --root " + box.root() + " starts it)\n");
+  EXPECT_TRUE(told != std::string::npos && printed.find("0x01020004", told) == std::string::npos) << printed;
+  EXPECT_EQ(printed_by([&] {
+    BSP_ComCreate(2);
+    BSP_ComRead(2, buf, 1, &n);
+  }), "");  // said once, then only logged
 
   auto line = std::make_unique<sim::FakeUart>(box.path("/dev/ttymxc1"));
   int opened[2], go[2];

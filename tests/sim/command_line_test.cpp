@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "platform/shared_memory.h"
 #include "sim/sandbox.h"
 #include "sim/web_pages.h"
@@ -83,7 +85,7 @@ TEST(Fsusim, RunPassesStatusStreamsAndEnvironmentKeepsAGivenRootRefusesBadUseAnd
   EXPECT_NE(box.read("/tmp/unit/sim/state").find("terminal=" + terminal.substr(23, terminal.size() - 24) + " "), std::string::npos);
   EXPECT_TRUE(up.wait_for("fsusim: Local/Uart/3 terminal: /dev/pts/", 2)) << up.output();
   EXPECT_EQ(capture(kFsusim + " ctl --root " + unit + " 'uart 1 silent' frob 2>&1; echo $?"),
-            "fsusim: \"frob\": unknown command (commands: uart, port, board, env, ai, di, modem, gps)\n1\n");
+            "fsusim: \"frob\": unknown command (commands: uart, port, board, env, ai, di, modem, gps, reboot)\n1\n");
   EXPECT_TRUE(up.wait_for("fsusim: control: \"frob\"", 2)) << up.output();
 
   ASSERT_EQ(kill(std::stoi(box.read("/tmp/unit/sim/board.pid")), SIGTERM), 0);
@@ -97,6 +99,74 @@ TEST(Fsusim, RunPassesStatusStreamsAndEnvironmentKeepsAGivenRootRefusesBadUseAnd
   ASSERT_EQ(kill(std::stoi(box.read("/tmp/unit/sim/board.pid")), SIGKILL), 0);
   EXPECT_TRUE(poll_until(5, [&] { return box.read("/tmp/unit/sim/state") == "board down\n"; }));
   EXPECT_FALSE(box.exists("/tmp/unit/sim/board.pid") || box.exists("/tmp/unit/dev/ttymxc1"));  // gone before
+}
+
+TEST(Fsusim, LsListsTheRunningUnitTermIsARawTerminalOnAPortAndCleanRemovesOnlyAStoppedRootOfOurs) {
+  test::TestSandbox box;
+  setenv("FSUSIM_RUNTIME_DIR", box.path("/tmp/runtime").c_str(), 1);  // this test's units only
+  const std::string unit = box.path("/tmp/unit");
+  test::ConsoleDriver up({kFsusim, "up", "--root", unit}, test::ConsoleDriver::Mode::kPipes);
+  ASSERT_TRUE(up.wait_for("(CTRL+C stops the board)", 5)) << up.output();
+  const std::string board = box.read("/tmp/unit/sim/board.pid");
+  const auto json = nlohmann::json::parse(capture(kFsusim + " status --json --root " + unit));
+  EXPECT_TRUE(json["relay 1"]["state"] == "off" && json["watchdog"]["armed"] == "unknown") << json.dump();
+  test::ConsoleDriver watch({kFsusim, "status", "--watch", "--root", unit}, test::ConsoleDriver::Mode::kTerminal);
+  EXPECT_TRUE(watch.wait_for_count("\x1b[Hfsusim status " + unit + "  board process", 2, 5)) << watch.output();  // redrawn
+  EXPECT_NE(watch.output().find("\nRelays    1 off  2 off  3 off  4 off  5 off  6 off  7 off  8 off\x1b[K"), std::string::npos);
+  EXPECT_NE(watch.output().find("\nWatchdog  armed unknown  left - s  reboots 0\x1b[K"), std::string::npos);
+  watch.send("\x03");
+  EXPECT_EQ(watch.wait_exit(5), 0);
+
+  // A person at a terminal: what the application sends shows, what is typed reaches it.
+  test::ConsoleDriver term({kFsusim, "term", "3", "--root", unit}, test::ConsoleDriver::Mode::kTerminal);
+  ASSERT_TRUE(term.wait_for("; Ctrl-] leaves", 5)) << term.output();
+  const int port = open_port(unit + "/dev/ttymxc3", B115200);
+  ASSERT_GE(port, 0);
+  put(port, "from the application");
+  EXPECT_TRUE(term.wait_for("from the application", 3)) << term.output();
+  term.send("typed\r");
+  std::string got;
+  EXPECT_TRUE(poll_until(3, [&] {
+    char buf[64];
+    const ssize_t n = read(port, buf, sizeof buf);
+    if (n > 0) got.append(buf, static_cast<std::size_t>(n));
+    return got == "typed\r";
+  })) << got;
+  const std::string listed = capture(kFsusim + " ls");  // the test holds ttymxc3 now
+  EXPECT_EQ(listed.rfind(unit + "  board process " + board.substr(0, board.size() - 1) + " (fsusim)\n", 0), 0u) << listed;
+  EXPECT_NE(listed.find(" ttymxc3=/dev/pts/"), std::string::npos) << listed;
+  EXPECT_NE(listed.find("  program " + std::to_string(getpid()) + " ("), std::string::npos) << listed;
+  term.send("\x1d");
+  EXPECT_EQ(term.wait_exit(5), 0) << term.output();
+  EXPECT_TRUE(poll_until(3, [&] {
+    return box.read("/tmp/unit/sim/state").find("uart 3 device=/dev/ttymxc3 for=Local/Uart/3 mode=loopback ") != std::string::npos;
+  }));
+
+  test::ConsoleDriver hex({kFsusim, "term", "--hex", "--root", unit, "3"}, test::ConsoleDriver::Mode::kTerminal);
+  ASSERT_TRUE(hex.wait_for("shown in hex; Ctrl-] leaves", 5)) << hex.output();
+  put(port, "A\x01\xff");
+  EXPECT_TRUE(hex.wait_for("41 01 FF ", 3)) << hex.output();
+  hex.send("\x1d");  // raw: ^D is a byte for the port like any other
+  EXPECT_EQ(hex.wait_exit(5), 0);
+  close(port);
+  EXPECT_EQ(capture(kFsusim + " term 13 --root " + unit + " 2>&1; echo $?"),
+            "fsusim: term: no port 13 (ports are 1 to 12); fsusim --help shows the usage\n2\n");
+
+  // Only a stopped root that the simulator made goes, with its segment.
+  EXPECT_EQ(capture(kFsusim + " clean --root " + unit + " 2>&1; echo $?"),
+            "fsusim: the simulated unit in " + unit + " is running (process " + board.substr(0, board.size() - 1) +
+                "); stop it first, or add --stop\n1\n");
+  ASSERT_EQ(exit_code("mkdir -p " + box.path("/tmp/other/sim")), 0);  // looks a little like one: not ours
+  box.write("/tmp/other/sim/state", "board down\n");
+  EXPECT_EQ(capture(kFsusim + " clean --root " + box.path("/tmp/other") + " 2>&1; echo $?"),
+            "fsusim: " + box.path("/tmp/other") + " is not the root of a simulated unit: nothing removed\n1\n");
+  const key_t counters = platform::shared_memory_key_in(unit.c_str(), kCounterSegmentKey);
+  ASSERT_GE(shmget(counters, kCounterSegmentSize, IPC_CREAT | 0600), 0);
+  EXPECT_EQ(capture(kFsusim + " clean --stop --root " + unit), "fsusim: removed " + unit + " and its shared-memory segment\n");
+  EXPECT_EQ(up.wait_exit(5), 0);
+  EXPECT_FALSE(box.exists("/tmp/unit"));
+  EXPECT_TRUE(box.exists("/tmp/other/sim/state") && shmget(counters, 0, 0) < 0);
+  EXPECT_EQ(capture(kFsusim + " ls"), "no simulated unit is running (fsusim up --root DIR starts one)\n");
 }
 
 }  // namespace
