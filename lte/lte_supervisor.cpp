@@ -38,6 +38,11 @@ bool row_is(int row, std::initializer_list<int> rows) {
 
 // A modem was listed on USB, and a later listing lacked it.
 bool modem_left = false;
+// The identities have been answered by the modem since the start. Until then those reloaded
+// from /tmp/Globalp.ini are shown, but the modem is asked: its SIM may have been swapped while
+// the application was stopped.
+bool cimi_answered = false;
+bool imei_answered = false;
 // Until this monotonic time a dial request waits for the modem to answer again after a power cycle.
 double dial_waits_until = 0;
 constexpr double kRestartSeconds = 60;
@@ -134,6 +139,7 @@ void data_init() {
   ntu_clear();
   std::printf("################NTU.mode_id=%d\n", NTU.mode_id.load());
   modem_left = false;
+  cimi_answered = imei_answered = false;
   load_saved(NtuText::cimi, "cimi", is_imsi);
   load_saved(NtuText::imei, "imei", is_imei);
   ntu_set_text(NtuText::csq, "-70");
@@ -158,21 +164,28 @@ int readatdata() {
   atecount.store(0);
   readcsq(atdev);
   if (row != 18) read_sysinfo(atdev);
-  // An identity is asked for until the modem has given a well-formed one.
+  // An identity is asked for until the modem has given a well-formed one. A reloaded one is
+  // cleared while the modem is asked, and put back below when the answer is no identity.
   char field[kNtuTextSize];
   ntu_text(NtuText::cimi, field);
-  if (!is_imsi(field)) {
+  if (!is_imsi(field) || !cimi_answered) {
     SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED sleepcount=%d,Line=%d;NTU.atdev=%s", 1, __LINE__, atdev);
+    ntu_set_text(NtuText::cimi, "");
     if (row == 17) {
       read_MINI(atdev);
     } else {
       read_MINI1(atdev);
     }
+    ntu_text(NtuText::cimi, field);
+    cimi_answered = is_imsi(field);
   }
   ntu_text(NtuText::imei, field);
-  if (!is_imei(field)) {
+  if (!is_imei(field) || !imei_answered) {
     SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED sleepcount=%d,Line=%d", __LINE__, static_cast<int>(std::strlen(field)));
+    ntu_set_text(NtuText::imei, "");
     readIMEI(atdev);
+    ntu_text(NtuText::imei, field);
+    imei_answered = is_imei(field);
   }
   NtuTexts texts = ntu_texts();
   SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED NTU数据打印=%s,%s,%s,%s,%d!", texts.imei, texts.cimi, texts.nettype, texts.csq,
