@@ -46,6 +46,10 @@ bool imei_answered = false;
 // Until this monotonic time a dial request waits for the modem to answer again after a power cycle.
 double dial_waits_until = 0;
 constexpr double kRestartSeconds = 60;
+// On a row whose AT port is its data port, the dial script's chat and then PPP hold the port
+// from the dial until the link is up, or until this long has passed without it.
+constexpr double kDialHoldsPortSeconds = 30;
+double dial_holds_port_until = 0;
 
 // Rows whose AT port is also the port PPP uses: no AT command while the link holds it.
 bool shares_port(int row) {
@@ -145,6 +149,7 @@ void data_init() {
   ntu_set_text(NtuText::csq, "-70");
   ntu_set_text(NtuText::nettype, "0");  // unknown until the modem says
   dial_waits_until = 0;
+  dial_holds_port_until = 0;
 }
 
 int readatdata() {
@@ -218,8 +223,11 @@ void lte_pass(int pass) {
     ntu_text(NtuText::lteip, lteip);
     SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED sleepcount1=%d,Line=%d;NTU.lteip=%s,NTU.mode_id=%d,NTU.CardStat=%d", pass,
                   __LINE__, lteip, NTU.mode_id.load(), NTU.CardStat.load());
-    // These modems carry AT commands and data on one port: no queries while the link holds it.
-    if (!shares_port(NTU.mode_id.load()) || link_down) readatdata();
+    // These modems carry AT commands and data on one port: no queries while the link, or the
+    // dial bringing it up, holds it.
+    if (!link_down) dial_holds_port_until = 0;
+    const bool dialling = platform::monotonic_seconds() < dial_holds_port_until;
+    if (!shares_port(NTU.mode_id.load()) || (link_down && !dialling)) readatdata();
   }
   const int row = NTU.mode_id.load();
   char atdev[kNtuTextSize];
@@ -239,6 +247,7 @@ void lte_pass(int pass) {
       const int registered = row == 18 ? readEC800_info(atdev) : read_sysinfo(atdev);
       if (registered > 0) {
         start_dial(atdev);
+        if (shares_port(row)) dial_holds_port_until = platform::monotonic_seconds() + kDialHoldsPortSeconds;
       } else if (row != 18) {
         SDK_LOG_WRITE(SDK_LOG_NET, "LTE SYS NO CSQ!");
       }

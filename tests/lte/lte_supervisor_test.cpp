@@ -87,15 +87,21 @@ TEST_F(Supervisor, AfterNoiseWithXoffAnEndlessLineACutReplyOrTooManyReportsTheNe
 TEST_F(Supervisor, SharedPortRowsQueryOnlyWhileTheLinkIsDownAndAPulledModemIsOfflineAtOnce) {
   for (const char* row : {"18", "11"}) {  // every row whose AT port is its data port
     data_init();
-    ASSERT_TRUE(unit.control({std::string("modem row ") + row, "modem dial"}).empty());
-    ASSERT_TRUE(sim::state_shows(unit.box, "link ppp0 ", "state=up"));
+    ASSERT_TRUE(unit.control({std::string("modem row ") + row, "modem dial-delay 1"}).empty());
+    NTU.pppdstart.store(1);
+    lte_pass(0);
+    // Nothing is written on the port from the dial on, while the link comes up and while it is up.
+    ASSERT_TRUE(unit.control({"modem signal 24"}).empty());  // sim/state is rewritten at once
     const long heard = commands();
-    for (int pass = 0; pass < 6; ++pass) lte_pass(pass);
+    int pass = 1;
+    ASSERT_TRUE(sim::poll_until(5, [&] { return lte_pass(pass++), sim::state_line(unit.box, "link ppp0 ").find("state=up") != std::string::npos; }));
+    for (const int last = pass + 6; pass < last;) lte_pass(pass++);
     EXPECT_STREQ(ntu_texts().lteip, "10.64.12.34");
     EXPECT_TRUE(ntu_online());
     EXPECT_EQ(commands(), heard) << row;
-    ASSERT_TRUE(unit.control({"modem link-drop"}).empty());
-    lte_pass(6);
+    EXPECT_TRUE(sim::state_shows(unit.box, "link ppp0 ", "at_on_link=0")) << row;
+    ASSERT_TRUE(unit.control({"modem link-drop", "modem dial-delay 0"}).empty());
+    lte_pass(pass + (pass % 2));
     EXPECT_TRUE(sim::poll_until(2, [&] { return commands() > heard; })) << row;  // sim/state follows within 0.1 s
   }
   ASSERT_TRUE(unit.control({"modem dial"}).empty());
