@@ -184,6 +184,7 @@ TEST(ModemOnSimulator, RowElevenOnlineAMinuteHearsNoCommandOnItsDataPortAndASimS
     ASSERT_TRUE(dial(app, 1)) << app.output();
     const std::size_t from = box.calls().size();
     const auto listings = [&] {  // a USB listing every other pass, a pass a second on the SDK's clock
+      app.wait_for("\x01", 0.01);  // the example's output read on, so that its printing never blocks
       int n = 0;
       for (std::size_t at = box.calls().find("lsusb", from); at != std::string::npos; at = box.calls().find("lsusb", at + 1)) ++n;
       return n;
