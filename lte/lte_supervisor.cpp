@@ -51,9 +51,15 @@ constexpr double kRestartSeconds = 60;
 constexpr double kDialHoldsPortSeconds = 30;
 double dial_holds_port_until = 0;
 
+// A device named with or without its folder ("ttyS6", "/dev/ttyS6"): the table has both.
+const char* device_name(const char* device) {
+  return std::strncmp(device, "/dev/", 5) == 0 ? device + 5 : device;
+}
+
 // Rows whose AT port is also the port PPP uses: no AT command while the link holds it.
 bool shares_port(int row) {
-  return row >= 1 && row <= ltemnum && std::strcmp(ltemm[row - 1].data_device, ltemm[row - 1].at_device) == 0;
+  return row >= 1 && row <= ltemnum &&
+         std::strcmp(device_name(ltemm[row - 1].data_device), device_name(ltemm[row - 1].at_device)) == 0;
 }
 
 using IdentityCheck = bool (*)(const char*);

@@ -85,7 +85,7 @@ TEST_F(Supervisor, AfterNoiseWithXoffAnEndlessLineACutReplyOrTooManyReportsTheNe
 }
 
 TEST_F(Supervisor, SharedPortRowsQueryOnlyWhileTheLinkIsDownAndAPulledModemIsOfflineAtOnce) {
-  for (const char* row : {"18", "11"}) {  // every row whose AT port is its data port
+  for (const char* row : {"18", "3", "11"}) {  // rows whose AT port is their data port ("ttyS6" and "/dev/ttyS6" on 3)
     data_init();
     ASSERT_TRUE(unit.control({std::string("modem row ") + row, "modem dial-delay 1"}).empty());
     NTU.pppdstart.store(1);
