@@ -260,66 +260,51 @@ TEST(ExtensionBoards, CarryChannelBytesBothWaysAtTheChannelRate) {
   close(person);
 }
 
-// What the modem sends until `end` came or `seconds` passed.
-std::string said(int fd, const std::string& end, double seconds = 3) {
-  std::string got;
-  poll_until(seconds, [&] {
-    char buf[512];
-    const ssize_t n = read(fd, buf, sizeof buf);
-    if (n > 0) got.append(buf, static_cast<std::size_t>(n));
-    return got.find(end) != std::string::npos;
-  });
-  return got;
-}
-
 TEST(Modem, BootsWithItsLinesLeavesUsbToRestartRegistersLateAndLosesItsLinkToACommandOnItsDataPort) {
   RunningBoard unit({"modem row 11", "modem boot-delay 1", "modem dial-delay 0"});
   ASSERT_TRUE(unit.started);
   const std::string port = unit.box.path("/dev/ttyUSB3");
-  // What it said since it came up; lines that came before the port was raw had CR read as LF.
-  const auto boot_lines = [](int fd) {
-    std::string got = said(fd, "PB DONE\r\n");
+  const auto hears = [](int fd, const std::string& said) { EXPECT_EQ(take(fd, said.size(), 3), said); };
+  // What it said since its port came up; lines that came before the port was raw had CR read as LF.
+  const auto boot_lines = [&] {
+    const int fd = open_port(port, B115200, 0, false);
+    std::string got = take(fd, 85, 3);
     std::ranges::replace(got, '\r', '\n');
-    return got;
+    EXPECT_EQ(got, "\n\nRDY\n\n\n\n+CFUN: 1\n\n\n\n+CPIN: READY\n\n\n\n+QUSIM: 1\n\n\n\n+QIND: SMS DONE\n\n\n\n+QIND: PB DONE\n\n");
+    return fd;
   };
-  const std::string boot = "\n\nRDY\n\n\n\n+CFUN: 1\n\n\n\n+CPIN: READY\n\n\n\n+QUSIM: 1\n\n\n\n+QIND: SMS DONE\n\n\n\n+QIND: PB DONE\n\n";
-  int fd = open_port(port, B115200, 0, false);
-  EXPECT_EQ(boot_lines(fd), boot);
+  int fd = boot_lines();
   // A report at once, and two between the next command (echoed) and its reply.
   ASSERT_TRUE(unit.control({"modem urc +QIND: \"act\",\"LTE\"", "modem interleave 2", "modem register-delay 2"}).empty());
   put(fd, "AT+CSQ\r");
-  EXPECT_EQ(said(fd, "OK\r\n"), "\r\n+QIND: \"act\",\"LTE\"\r\nAT+CSQ\r\r\n+QIND: \"csq\",24,99\r\n\r\n+QIND: \"csq\",24,99\r\n\r\n+CSQ: 24,99\r\n\r\nOK\r\n");
-
+  hears(fd, "\r\n+QIND: \"act\",\"LTE\"\r\nAT+CSQ\r\r\n+QIND: \"csq\",24,99\r\n\r\n+QIND: \"csq\",24,99\r\n\r\n+CSQ: 24,99\r\n\r\nOK\r\n");
   // A restart by command: acknowledged, then off USB (listing and port gone) for the boot.
   put(fd, "AT+CFUN=1,1\r");
-  EXPECT_EQ(said(fd, "OK\r\n"), "AT+CFUN=1,1\r\r\nOK\r\n");
-  EXPECT_TRUE(poll_until(1, [&] { return access(port.c_str(), F_OK) != 0 && unit.box.read("/sim/usb").find("2c7c:6026") == std::string::npos; }));
+  hears(fd, "AT+CFUN=1,1\r\r\nOK\r\n");
+  const auto listed = [&] { return access(port.c_str(), F_OK) == 0 && unit.box.read("/sim/usb").find("ID 2c7c:6026 M820") != std::string::npos; };
+  EXPECT_TRUE(poll_until(1, [&] { return access(port.c_str(), F_OK) != 0 && unit.box.read("/sim/usb").find("2c7c") == std::string::npos; }));
   close(fd);
-  ASSERT_TRUE(poll_until(3, [&] { return access(port.c_str(), F_OK) == 0 && unit.box.read("/sim/usb").find("ID 2c7c:6026 M820") != std::string::npos; }));
-  fd = open_port(port, B115200, 0, false);
-  EXPECT_EQ(boot_lines(fd), boot);
+  ASSERT_TRUE(poll_until(3, listed));
+  fd = boot_lines();
   // Registered 2 s after it came back: searching until then, and a dial meanwhile gets no link.
   ASSERT_TRUE(unit.control({"modem dial"}).empty());
   put(fd, "AT+CREG?\r");
-  EXPECT_NE(said(fd, "OK\r\n").find("+CREG: 2,2,"), std::string::npos);
+  EXPECT_EQ(take(fd, 50, 1).substr(0, 21), "AT+CREG?\r\r\n+CREG: 2,2");
   EXPECT_TRUE(state_shows(unit.box, "modem ", "registered=searching"));
   EXPECT_TRUE(poll_until(3, [&] { return state_line(unit.box, "modem ").find("registered=yes") != std::string::npos; }));
-  EXPECT_TRUE(state_shows(unit.box, "link ppp0 ", "state=down dials=1 at_on_link=0"));
-  ASSERT_TRUE(unit.control({"modem dial"}).empty());
+  ASSERT_TRUE(state_shows(unit.box, "link ppp0 ", "state=down dials=1 at_on_link=0") && unit.control({"modem dial"}).empty());
   ASSERT_TRUE(state_shows(unit.box, "link ppp0 ", "state=up"));
-  // Row 11 carries PPP on its AT port: a command written there breaks the link.
+  // Row 11 carries PPP on its AT port: a command written there breaks the link, and is data.
   put(fd, "AT+CSQ\r");
-  EXPECT_EQ(said(fd, "NO CARRIER\r\n"), "\r\nNO CARRIER\r\n");  // data, not echoed
+  hears(fd, "\r\nNO CARRIER\r\n");
   EXPECT_TRUE(state_shows(unit.box, "link ppp0 ", "state=down dials=2 at_on_link=1"));
   close(fd);
-
   // Models differ: row 17 keeps its echo off after a boot, row 18 knows no ^SYSINFO.
-  for (const auto& [row, answer] : {std::pair{"17", "\r\n^SYSINFO:2,3,0,17,1\r\n\r\nOK\r\n"},
-                                     {"18", "AT^SYSINFO\r\r\nERROR\r\n"}}) {
+  for (const auto& [row, answer] : {std::pair{"17", "\r\n^SYSINFO:2,3,0,17,1\r\n\r\nOK\r\n"}, {"18", "AT^SYSINFO\r\r\nERROR\r\n"}}) {
     ASSERT_TRUE(unit.control({"modem boot-delay 0", "modem register-delay 0", std::string("modem row ") + row}).empty());
     fd = open_port(unit.box.path("/dev/ttyUSB2"), B115200);
     put(fd, "AT^SYSINFO\r");
-    EXPECT_EQ(said(fd, answer), answer) << row;
+    hears(fd, answer);
     close(fd);
   }
 }
