@@ -39,13 +39,28 @@ bool row_is(int row, std::initializer_list<int> rows) {
 
 // A modem was listed on USB, and a later listing lacked it.
 bool modem_left = false;
+// The identities have been answered by the modem since the start. Until then those reloaded
+// from /tmp/Globalp.ini are shown, but the modem is asked: its SIM may have been swapped while
+// the application was stopped.
+bool cimi_answered = false;
+bool imei_answered = false;
 // Until this monotonic time a dial request waits for the modem to answer again after a power cycle.
 double dial_waits_until = 0;
 constexpr double kRestartSeconds = 60;
+// On a row whose AT port is its data port, the dial script's chat and then PPP hold the port
+// from the dial until the link is up, or until this long has passed without it.
+constexpr double kDialHoldsPortSeconds = 30;
+double dial_holds_port_until = 0;
+
+// A device named with or without its folder ("ttyS6", "/dev/ttyS6"): the table has both.
+const char* device_name(const char* device) {
+  return std::strncmp(device, "/dev/", 5) == 0 ? device + 5 : device;
+}
 
 // Rows whose AT port is also the port PPP uses: no AT command while the link holds it.
 bool shares_port(int row) {
-  return row >= 1 && row <= ltemnum && std::strcmp(ltemm[row - 1].data_device, ltemm[row - 1].at_device) == 0;
+  return row >= 1 && row <= ltemnum &&
+         std::strcmp(device_name(ltemm[row - 1].data_device), device_name(ltemm[row - 1].at_device)) == 0;
 }
 
 using IdentityCheck = bool (*)(const char*);
@@ -135,11 +150,13 @@ void data_init() {
   ntu_clear();
   fsu::platform::sdk_printf("################NTU.mode_id=%d\n", NTU.mode_id.load());
   modem_left = false;
+  cimi_answered = imei_answered = false;
   load_saved(NtuText::cimi, "cimi", is_imsi);
   load_saved(NtuText::imei, "imei", is_imei);
   ntu_set_text(NtuText::csq, "-70");
   ntu_set_text(NtuText::nettype, "0");  // unknown until the modem says
   dial_waits_until = 0;
+  dial_holds_port_until = 0;
 }
 
 int readatdata() {
@@ -159,21 +176,28 @@ int readatdata() {
   atecount.store(0);
   readcsq(atdev);
   if (row != 18) read_sysinfo(atdev);
-  // An identity is asked for until the modem has given a well-formed one.
+  // An identity is asked for until the modem has given a well-formed one. A reloaded one is
+  // cleared while the modem is asked, and put back below when the answer is no identity.
   char field[kNtuTextSize];
   ntu_text(NtuText::cimi, field);
-  if (!is_imsi(field)) {
+  if (!is_imsi(field) || !cimi_answered) {
     SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED sleepcount=%d,Line=%d;NTU.atdev=%s", 1, __LINE__, atdev);
+    ntu_set_text(NtuText::cimi, "");
     if (row == 17) {
       read_MINI(atdev);
     } else {
       read_MINI1(atdev);
     }
+    ntu_text(NtuText::cimi, field);
+    cimi_answered = is_imsi(field);
   }
   ntu_text(NtuText::imei, field);
-  if (!is_imei(field)) {
+  if (!is_imei(field) || !imei_answered) {
     SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED sleepcount=%d,Line=%d", __LINE__, static_cast<int>(std::strlen(field)));
+    ntu_set_text(NtuText::imei, "");
     readIMEI(atdev);
+    ntu_text(NtuText::imei, field);
+    imei_answered = is_imei(field);
   }
   NtuTexts texts = ntu_texts();
   SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED NTU数据打印=%s,%s,%s,%s,%d!", texts.imei, texts.cimi, texts.nettype, texts.csq,
@@ -206,8 +230,11 @@ void lte_pass(int pass) {
     ntu_text(NtuText::lteip, lteip);
     SDK_LOG_WRITE(SDK_LOG_NET, "LTE_TEHED sleepcount1=%d,Line=%d;NTU.lteip=%s,NTU.mode_id=%d,NTU.CardStat=%d", pass,
                   __LINE__, lteip, NTU.mode_id.load(), NTU.CardStat.load());
-    // These modems carry AT commands and data on one port: no queries while the link holds it.
-    if (!shares_port(NTU.mode_id.load()) || link_down) readatdata();
+    // These modems carry AT commands and data on one port: no queries while the link, or the
+    // dial bringing it up, holds it.
+    if (!link_down) dial_holds_port_until = 0;
+    const bool dialling = platform::monotonic_seconds() < dial_holds_port_until;
+    if (!shares_port(NTU.mode_id.load()) || (link_down && !dialling)) readatdata();
   }
   const int row = NTU.mode_id.load();
   char atdev[kNtuTextSize];
@@ -227,6 +254,7 @@ void lte_pass(int pass) {
       const int registered = row == 18 ? readEC800_info(atdev) : read_sysinfo(atdev);
       if (registered > 0) {
         start_dial(atdev);
+        if (shares_port(row)) dial_holds_port_until = platform::monotonic_seconds() + kDialHoldsPortSeconds;
       } else if (row != 18) {
         SDK_LOG_WRITE(SDK_LOG_NET, "LTE SYS NO CSQ!");
       }

@@ -10,27 +10,70 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "platform/clock.h"
 #include "sim/control.h"
 
 namespace fsu::sim {
 namespace {
 
-// The modems a unit may carry, by the row the SDK knows them by: model, USB id, AT device.
+// What a modem says by itself as it comes up, and how long after its port appeared.
+struct BootLine {
+  double after;
+  const char* text;
+};
+constexpr BootLine kZteBoot[] = {{0, "+ZSTART"}, {0.5, "+CPIN: READY"}, {1.5, "+ZPBIC: 1"}};
+constexpr BootLine kNeowayBoot[] = {{0, "+CPIN: READY"}, {1, "+PBREADY"}};
+constexpr BootLine kSerialBoot[] = {{0, "RDY"}, {0.3, "+CPIN: READY"}, {1.5, "Call Ready"}, {2, "SMS Ready"}};
+constexpr BootLine kOtherBoot[] = {{0, "^SIMST: 1"}, {0.5, "+CPIN: READY"}};
+constexpr BootLine kQuectelBoot[] = {{0, "RDY"},        {0.1, "+CFUN: 1"},        {0.3, "+CPIN: READY"},
+                                     {0.3, "+QUSIM: 1"}, {1.5, "+QIND: SMS DONE"}, {2.5, "+QIND: PB DONE"}};
+
+// A maker's modems: their boot lines, whether they echo after a boot (some keep a saved ATE0),
+// whether they answer AT+CGSN in hexadecimal, and whether they answer in the longer shapes seen
+// in the field (^SYSINFO with a blank and seven fields, +CREG with LAC, CI and technology,
+// +COPS with the numeric operator).
+struct Family {
+  std::span<const BootLine> boot;
+  bool echo;
+  bool hex_imei;
+  bool long_replies;
+};
+constexpr Family kZte{kZteBoot, true, true, false};
+constexpr Family kNeoway{kNeowayBoot, false, false, false};
+constexpr Family kSerial{kSerialBoot, true, false, false};
+constexpr Family kOther{kOtherBoot, true, false, false};
+constexpr Family kQuectel{kQuectelBoot, true, false, true};
+
+// The modems a unit may carry, by the row the SDK knows them by: model, USB id, AT device, data
+// device (the port PPP runs on), family, and the row's own ways: ^SYSINFO known, +CIMI prefixed.
 struct Model {
   const char* name;
   const char* usb_id;
   const char* at_device;
+  const char* data_device;
+  const Family& family;
+  bool sysinfo = true;
+  bool cimi_prefix = false;
 };
-constexpr Model kModels[] = {
-    {"ZTE3630", "19d2:1509", "/dev/ttyUSB1"},    {"N720CA04", "2949:8243", "/dev/ttyUSB3"},
-    {"gprs", "0001:0001", "/dev/ttyS6"},         {"ZTE3630c3b", "19d2:1476", "/dev/ttyUSB1"},
-    {"N720CA05", "05c6:8241", "/dev/ttyUSB0"},   {"N720CA61s2", "2949:8247", "/dev/ttyUSB2"},
-    {"ZTE3630", "19d2:1432", "/dev/ttyUSB1"},    {"ZTE3630tty_GW", "0001:0001", "/dev/ttyS6"},
-    {"DTM8909", "1d9f:9c05", "/dev/ttyUSB3"},    {"EC20", "2c7c:0125", "/dev/ttyUSB3"},
-    {"M820", "2c7c:6026", "/dev/ttyUSB3"},       {"M820", "2c7c:6002", "/dev/ttyUSB3"},
-    {"M820", "2c7c:6005", "/dev/ttyUSB3"},       {"M620", "1286:4e3c", "/dev/ttyUSB3"},
-    {"M820", "05c6:9025", "/dev/ttyUSB3"},       {"M820", "2949:8700", "/dev/ttyUSB5"},
-    {"N58", "2949:7402", "/dev/ttyUSB2"},        {"EC20", "2c7c:0904", "/dev/ttyUSB2"},
+const Model kModels[] = {
+    {"ZTE3630", "19d2:1509", "/dev/ttyUSB1", "/dev/ttyUSB2", kZte},
+    {"N720CA04", "2949:8243", "/dev/ttyUSB3", "/dev/ttyUSB1", kNeoway},
+    {"gprs", "0001:0001", "/dev/ttyS6", "/dev/ttyS6", kSerial},
+    {"ZTE3630c3b", "19d2:1476", "/dev/ttyUSB1", "/dev/ttyUSB2", kZte},
+    {"N720CA05", "05c6:8241", "/dev/ttyUSB0", "/dev/ttyUSB2", kNeoway},
+    {"N720CA61s2", "2949:8247", "/dev/ttyUSB2", "/dev/ttyUSB0", kNeoway},
+    {"ZTE3630", "19d2:1432", "/dev/ttyUSB1", "/dev/ttyUSB2", kZte},
+    {"ZTE3630tty_GW", "0001:0001", "/dev/ttyS6", "/dev/ttyS6", kSerial},
+    {"DTM8909", "1d9f:9c05", "/dev/ttyUSB3", "/dev/ttyUSB1", kOther},
+    {"EC20", "2c7c:0125", "/dev/ttyUSB3", "/dev/ttyUSB2", kQuectel},
+    {"M820", "2c7c:6026", "/dev/ttyUSB3", "/dev/ttyUSB3", kQuectel},
+    {"M820", "2c7c:6002", "/dev/ttyUSB3", "/dev/ttyUSB3", kQuectel},
+    {"M820", "2c7c:6005", "/dev/ttyUSB3", "/dev/ttyUSB3", kQuectel},
+    {"M620", "1286:4e3c", "/dev/ttyUSB3", "/dev/ttyUSB4", kOther},
+    {"M820", "05c6:9025", "/dev/ttyUSB3", "/dev/ttyUSB2", kQuectel},
+    {"M820", "2949:8700", "/dev/ttyUSB5", "/dev/ttyUSB7", kQuectel},
+    {"N58", "2949:7402", "/dev/ttyUSB2", "/dev/ttyUSB4", kNeoway, true, true},
+    {"EC20", "2c7c:0904", "/dev/ttyUSB2", "/dev/ttyUSB2", kQuectel, false},
 };
 constexpr int kRows = static_cast<int>(std::size(kModels));
 
@@ -66,14 +109,17 @@ bool switch_word(std::string_view word, std::string_view on, std::string_view of
 // ^SYSINFO system mode and +COPS access technology of a network generation.
 int system_mode(int generation) { return generation == 2 ? 3 : generation == 3 ? 5 : 17; }
 int access_technology(int generation) { return generation == 2 ? 0 : generation == 3 ? 6 : 7; }
-// Quectel models (EC20, M820) answer in the longer shapes seen in the field.
-bool long_replies(int row) { return row >= 10 && row != 14 && row != 17; }
+// A restart by command is acknowledged before the modem leaves USB.
+constexpr double kRestartAfter = 0.2;
+constexpr double kNever = std::numeric_limits<double>::infinity();
+constexpr int kMaxInterleave = 8;
+constexpr double kDefaultBoot = 4;
 
 }  // namespace
 
 Modem::Modem(std::string root, Report report) : root_(std::move(root)), report_(std::move(report)) {
   unlink((root_ + "/sim/ppp0").c_str());
-  refresh(0);
+  refresh(platform::monotonic_seconds());  // powered with the board
 }
 
 Modem::~Modem() {
@@ -83,19 +129,51 @@ Modem::~Modem() {
 
 bool Modem::available(double now) const { return plugged_ && powered_ && now >= ready_at_; }
 
+bool Modem::on_net(double now) const { return registered_ && sim_ && now >= up_since_ + register_delay_; }
+
+bool Modem::link_holds_port() const {
+  const Model& model = kModels[row_ - 1];
+  return link_up_ && std::strcmp(model.at_device, model.data_device) == 0;
+}
+
 void Modem::refresh(double now) {
   const bool up = available(now);
   if (up == port_up_) return;
   port_up_ = up;
   if (up) {
     open_port();
+    come_up(now);
   } else {
     close_port();
     set_link(false);
-    dial_at_ = std::numeric_limits<double>::infinity();
-    echo_ = true;  // a modem comes back with its factory echo
+    dial_at_ = kNever;
   }
   write_usb();
+}
+
+// Back on USB after a boot: the factory echo of its model, registration starting over, and its
+// boot lines from now on.
+void Modem::come_up(double now) {
+  up_since_ = now;
+  boot_sent_ = 0;
+  echo_ = kModels[row_ - 1].family.echo;
+  send_boot_lines(now);
+}
+
+// When the next boot line is due. The lines follow each other over the model's times for the
+// default boot (4 s), closer together for a quicker one, and all at once for a boot of 0 s.
+double Modem::boot_line_due() const {
+  const std::span<const BootLine> boot = kModels[row_ - 1].family.boot;
+  if (!port_up_ || boot_sent_ >= boot.size()) return kNever;
+  return up_since_ + boot[boot_sent_].after * std::min(1.0, boot_delay_ / kDefaultBoot);
+}
+
+void Modem::send_boot_lines(double now) {
+  const std::span<const BootLine> boot = kModels[row_ - 1].family.boot;
+  for (; now >= boot_line_due(); ++boot_sent_) {
+    reply("\r\n" + std::string(boot[boot_sent_].text) + "\r\n");
+    ++urcs_;
+  }
 }
 
 void Modem::open_port() {
@@ -128,6 +206,7 @@ void Modem::close_port() {
   pty_.close();
   out_.clear();
   line_.clear();
+  swallowing_ = false;
 }
 
 void Modem::write_usb() const {
@@ -149,13 +228,13 @@ void Modem::set_link(bool up) {
   }
 }
 
+// AT+CFUN=1,1: the modem leaves USB (listing, port and link gone) for its boot time, as a
+// power-up does.
 void Modem::restart(double now) {
   ++restarts_;
-  // The port stays but is silent while the modem boots; the data link is gone.
-  quiet_until_ = now + boot_delay_;
-  set_link(false);
-  dial_at_ = std::numeric_limits<double>::infinity();
-  echo_ = true;
+  restart_at_ = kNever;
+  ready_at_ = now + boot_delay_;
+  refresh(now);
 }
 
 std::string Modem::command(std::span<const std::string_view> args, double now) {
@@ -164,6 +243,7 @@ std::string Modem::command(std::span<const std::string_view> args, double now) {
   const std::string_view value = args.size() > 1 ? args[1] : std::string_view();
   int number = 0;
   const auto one = [&](bool ok, const char* why) { return args.size() == 2 && ok ? std::string() : std::string(why); };
+  const auto none = [&] { return args.size() == 1 ? std::string() : std::string("takes no value"); };
   std::string error;
   if (what == "row") {
     error = one(number_in(value, 1, kRows, &number), "row is 1 to 18");
@@ -174,8 +254,7 @@ std::string Modem::command(std::span<const std::string_view> args, double now) {
       plugged_ = true;
     }
   } else if (what == "plug" || what == "unplug") {
-    error = args.size() == 1 ? "" : "takes no value";
-    if (error.empty()) plugged_ = what == "plug";
+    if ((error = none()).empty()) plugged_ = what == "plug";
   } else if (what == "sim") {
     error = one(switch_word(value, "present", "absent", &sim_), "sim present|absent");
   } else if (what == "registered") {
@@ -190,10 +269,10 @@ std::string Modem::command(std::span<const std::string_view> args, double now) {
     error = one(!value.empty() && value.size() <= 64, "needs a text of at most 64 characters");
     if (error.empty()) (what == "imsi" ? imsi_ : what == "imei" ? imei_ : address_) = std::string(value);
   } else if (what == "imei-reply") {
-    constexpr std::string_view kShapes[] = {"bare", "colon", "colon-space", "quoted", "quoted-space", "hex"};
+    constexpr std::string_view kShapes[] = {"model", "bare", "colon", "colon-space", "quoted", "quoted-space", "hex"};
     error = one(std::find(std::begin(kShapes), std::end(kShapes), value) != std::end(kShapes),
-                "imei-reply bare|colon|colon-space|quoted|quoted-space|hex");
-    if (error.empty()) imei_reply_ = std::string(value);
+                "imei-reply model|bare|colon|colon-space|quoted|quoted-space|hex");
+    if (error.empty()) imei_reply_ = value == "model" ? "" : std::string(value);
   } else if (what == "silent") {
     bool silent = false;
     error = one(switch_word(value, "on", "off", &silent), "silent on|off");
@@ -201,38 +280,42 @@ std::string Modem::command(std::span<const std::string_view> args, double now) {
   } else if (what == "stream") {
     error = one(switch_word(value, "on", "off", &stream_), "stream on|off");
     next_stream_ = now;
-  } else if (what == "unsolicited") {
+  } else if (what == "urc") {
     error = args.size() > 1 ? "" : "needs the line to send";
     if (error.empty() && port_up_) {
       std::string text;
       for (std::size_t i = 1; i < args.size(); ++i) text += (i > 1 ? " " : "") + std::string(args[i]);
       reply("\r\n" + text + "\r\n");
-      service(now);  // on the port before the control line counts as applied
+      ++urcs_;
     }
   } else if (what == "cut" || what == "flood" || what == "garbage") {
-    error = args.size() == 1 ? "" : "takes no value";
-    if (error.empty()) next_fault_ = std::string(what);
-  } else if (what == "link-drop" || what == "hangup") {
-    error = args.size() == 1 ? "" : "takes no value";
+    if ((error = none()).empty()) next_fault_ = std::string(what);
+  } else if (what == "interleave") {
+    error = one(number_in(value, 1, kMaxInterleave, &number), "interleave is 1 to 8 lines");
     if (error.empty()) {
+      next_fault_ = "interleave";
+      interleave_ = number;
+    }
+  } else if (what == "link-drop" || what == "hangup") {
+    if ((error = none()).empty()) {
       set_link(false);
-      dial_at_ = std::numeric_limits<double>::infinity();
+      dial_at_ = kNever;
     }
   } else if (what == "dial") {
-    error = args.size() == 1 ? "" : "takes no value";
-    if (error.empty() && available(now)) {
+    if ((error = none()).empty() && available(now)) {
       ++dials_;
       dial_at_ = now + dial_delay_;
     }
-  } else if (what == "boot-delay" || what == "dial-delay") {
+  } else if (what == "boot-delay" || what == "dial-delay" || what == "register-delay") {
     double seconds = 0;
     error = one(seconds_in(value, &seconds), "seconds are 0 to 600");
-    if (error.empty()) (what == "boot-delay" ? boot_delay_ : dial_delay_) = seconds;
+    if (error.empty()) (what == "boot-delay" ? boot_delay_ : what == "dial-delay" ? dial_delay_ : register_delay_) = seconds;
   } else {
     error = "no setting " + quoted_line(what);
   }
   refresh(now);
   if (!(registered_ && sim_)) set_link(false);
+  flush();  // what the line made the modem say is on the port before the line counts as applied
   return error;
 }
 
@@ -245,12 +328,15 @@ void Modem::tick(double now) {
   }
   if (value == '0' && powered_) {
     powered_ = false;
+    restart_at_ = kNever;
   } else if (value == '1' && !powered_) {
     powered_ = true;
     ++power_cycles_;
     ready_at_ = now + boot_delay_;
   }
+  if (now >= restart_at_) restart(now);
   refresh(now);
+  send_boot_lines(now);
   if (stream_ && now >= next_stream_) {
     next_stream_ = now + kStreamPeriod;
     if (port_up_ && out_.size() < kStreamBacklog) {
@@ -262,15 +348,17 @@ void Modem::tick(double now) {
   }
   if (now >= dial_at_) {
     // The dial script's one attempt: the link comes up only on a registered modem.
-    dial_at_ = std::numeric_limits<double>::infinity();
-    if (available(now) && now >= quiet_until_ && registered_ && sim_) set_link(true);
+    dial_at_ = kNever;
+    if (available(now) && on_net(now)) set_link(true);
   }
+  flush();  // before sim/state shows the modem back
 }
 
 double Modem::due() const {
-  const bool booting = plugged_ && powered_ && !port_up_;
-  const double next = stream_ ? std::min(dial_at_, next_stream_) : dial_at_;
-  return booting ? std::min(next, ready_at_) : next;
+  double next = std::min(dial_at_, restart_at_);
+  if (stream_) next = std::min(next, next_stream_);
+  if (plugged_ && powered_ && !port_up_) next = std::min(next, ready_at_);
+  return std::min(next, boot_line_due());
 }
 
 void Modem::add_poll_fds(std::vector<pollfd>& fds) const {
@@ -284,19 +372,15 @@ void Modem::service(double now) {
   for (;;) {
     const ssize_t n = read(pty_.master(), buf, sizeof buf);
     if (n <= 0) break;
-    // A modem that boots or has fallen silent takes what it is sent and answers nothing.
-    if (!available(now) || silent_ || now < quiet_until_) continue;
-    for (ssize_t i = 0; i < n; ++i) {
-      const char c = buf[i];
-      if (c == '\r' || c == '\n') {
-        if (echo_ && c == '\r') reply(line_ + "\r");
-        if (!line_.empty()) answer(line_, now);
-        line_.clear();
-      } else if (line_.size() < kMaxCommand) {
-        line_ += c;
-      }
-    }
+    // A modem that has fallen silent takes what it is sent and answers nothing.
+    if (!available(now) || silent_) continue;
+    for (ssize_t i = 0; i < n; ++i) hear(buf[i], now);
   }
+  flush();
+}
+
+void Modem::flush() {
+  if (pty_.master() < 0) return;
   while (!out_.empty()) {
     const std::span<const std::uint8_t> run = out_.front();
     const ssize_t n = write(pty_.master(), run.data(), run.size());
@@ -305,15 +389,47 @@ void Modem::service(double now) {
   }
 }
 
+void Modem::hear(char c, double now) {
+  const bool line_end = c == '\r' || c == '\n';
+  if (line_.empty() && !line_end && link_holds_port()) {
+    // The port belongs to PPP while the link is up: a command written there lands in the data
+    // stream, the peer sees broken frames and the call ends. The rest of the line is data too.
+    ++at_on_link_;
+    set_link(false);
+    dial_at_ = kNever;
+    swallowing_ = true;
+    reply("\r\nNO CARRIER\r\n");
+    return;
+  }
+  if (swallowing_) {
+    swallowing_ = !line_end;
+    return;
+  }
+  if (line_end) {
+    if (echo_ && c == '\r') reply(line_ + "\r");
+    if (!line_.empty()) answer(line_, now);
+    line_.clear();
+  } else if (line_.size() < kMaxCommand) {
+    line_ += c;
+  }
+}
+
 void Modem::reply(const std::string& text) {
   out_.push({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
+}
+
+std::string Modem::imei_shape() const {
+  if (!imei_reply_.empty()) return imei_reply_;
+  return kModels[row_ - 1].family.hex_imei ? "hex" : "bare";
 }
 
 void Modem::answer(std::string_view typed, double now) {
   ++commands_;
   std::string command(typed);
   for (char& c : command) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  const bool on_net = registered_ && sim_;
+  const Model& model = kModels[row_ - 1];
+  const bool long_replies = model.family.long_replies;
+  const bool net = on_net(now);
   std::string lines;
   const auto line = [&lines](const std::string& text) { lines += "\r\n" + text + "\r\n"; };
   bool ok = true;
@@ -322,37 +438,38 @@ void Modem::answer(std::string_view typed, double now) {
     echo_ = command == "ATE1";
   } else if (command == "AT+CSQ") {
     line("+CSQ: " + std::to_string(rssi_) + ",99");
-  } else if (command == "AT^SYSINFO") {
-    line("^SYSINFO:" + std::string(long_replies(row_) ? " " : "") + (on_net ? "2,3,0," : "0,0,0,") +
-         std::to_string(on_net ? system_mode(generation_) : 0) + "," + (sim_ ? "1" : "255") +
-         (long_replies(row_) ? ",0," + std::to_string(on_net ? system_mode(generation_) : 0) : ""));
+  } else if (command == "AT^SYSINFO" && model.sysinfo) {
+    const std::string mode = std::to_string(net ? system_mode(generation_) : 0);
+    line("^SYSINFO:" + std::string(long_replies ? " " : "") + (net ? "2,3,0," : "0,0,0,") + mode + "," +
+         (sim_ ? "1" : "255") + (long_replies ? ",0," + mode : ""));
   } else if (command == "AT+CIMI") {
     if (sim_) {
-      line(row_ == 17 ? "+CIMI: " + imsi_ : imsi_);
+      line(model.cimi_prefix ? "+CIMI: " + imsi_ : imsi_);
     } else {
       lines += "\r\n+CME ERROR: 10\r\n";
       ok = false;
     }
   } else if (command == "AT+CGSN") {
-    if (imei_reply_ == "hex") {
+    const std::string shape = imei_shape();
+    if (shape == "hex") {
       char hex[32];
       std::snprintf(hex, sizeof hex, "0x%llX", std::strtoull(imei_.c_str(), nullptr, 10));
       line(hex);
     } else {
-      const std::string quote = imei_reply_.starts_with("quoted") ? "\"" : "";
-      const std::string prefix = imei_reply_ == "bare" ? "" : imei_reply_.ends_with("space") ? "+CGSN: " : "+CGSN:";
+      const std::string quote = shape.starts_with("quoted") ? "\"" : "";
+      const std::string prefix = shape == "bare" ? "" : shape.ends_with("space") ? "+CGSN: " : "+CGSN:";
       line(prefix + quote + imei_ + quote);
     }
   } else if (command == "AT+CREG?") {
-    const std::string status = std::to_string(on_net ? 1 : sim_ ? 2 : 0);
-    line(long_replies(row_) ? "+CREG: 2," + status + ",\"2A3B\",\"0C1D2E3F\"," + std::to_string(access_technology(generation_))
-                            : "+CREG: 0," + status);
+    const std::string status = std::to_string(net ? 1 : sim_ ? 2 : 0);
+    line(long_replies ? "+CREG: 2," + status + ",\"2A3B\",\"0C1D2E3F\"," + std::to_string(access_technology(generation_))
+                      : "+CREG: 0," + status);
   } else if (command == "AT+COPS?") {
-    const std::string name = long_replies(row_) ? "0,2,\"46000\"," : "0,0,\"CHINA MOBILE\",";
-    line(on_net ? "+COPS: " + name + std::to_string(access_technology(generation_)) : "+COPS: 0");
+    const std::string name = long_replies ? "0,2,\"46000\"," : "0,0,\"CHINA MOBILE\",";
+    line(net ? "+COPS: " + name + std::to_string(access_technology(generation_)) : "+COPS: 0");
   } else if (command == "AT+CFUN=1,1") {
     reply("\r\nOK\r\n");
-    restart(now);
+    restart_at_ = now + kRestartAfter;
     return;
   } else {
     lines += "\r\nERROR\r\n";
@@ -366,6 +483,9 @@ void Modem::answer(std::string_view typed, double now) {
   } else if (next_fault_ == "garbage") {
     static constexpr char kGarbage[] = "\x00\xff\x7e\x00\x01\x1b[2J\x80\x13\xfe\x00\r\xc3\x28\x00\x9f\x00";
     lines.insert(0, std::string(kGarbage, sizeof kGarbage - 1));
+  } else if (next_fault_ == "interleave") {
+    // Reports the modem sends on its own, arriving between the command and its reply.
+    for (int i = 0; i < interleave_; ++i, ++urcs_) lines.insert(0, "\r\n+QIND: \"csq\"," + std::to_string(rssi_) + ",99\r\n");
   }
   next_fault_.clear();
   reply(lines);
@@ -373,17 +493,20 @@ void Modem::answer(std::string_view typed, double now) {
 
 void Modem::describe(std::string& out) const {
   const Model& model = kModels[row_ - 1];
+  const double now = platform::monotonic_seconds();
   const char* state = !plugged_ ? "unplugged" : !powered_ ? "off" : !port_up_ ? "booting" : silent_ ? "silent" : "ready";
+  const char* registered = !registered_ ? "no" : on_net(now) || !port_up_ ? "yes" : "searching";
   out += "modem row=" + std::to_string(row_) + " model=" + model.name + " usb=" + model.usb_id +
-         " at=" + model.at_device + " state=" + state + " sim=" + (sim_ ? "present" : "absent") +
-         " registered=" + (registered_ ? "yes" : "no") + " signal=" + std::to_string(rssi_) +
-         " net=" + std::to_string(generation_) + "G imsi=" + imsi_ + " imei=" + imei_ +
-         " imei_reply=" + imei_reply_ + " echo=" + (echo_ ? "on" : "off") +
-         " silent=" + (silent_ ? "on" : "off") + " stream=" + (stream_ ? "on" : "off") + " next_fault=" + (next_fault_.empty() ? "none" : next_fault_) +
-         " commands=" + std::to_string(commands_) + " restarts=" + std::to_string(restarts_) +
+         " at=" + model.at_device + " data=" + model.data_device + " state=" + state +
+         " sim=" + (sim_ ? "present" : "absent") + " registered=" + registered +
+         " signal=" + std::to_string(rssi_) + " net=" + std::to_string(generation_) + "G imsi=" + imsi_ +
+         " imei=" + imei_ + " imei_reply=" + imei_shape() + " echo=" + (echo_ ? "on" : "off") +
+         " silent=" + (silent_ ? "on" : "off") + " stream=" + (stream_ ? "on" : "off") +
+         " next_fault=" + (next_fault_.empty() ? "none" : next_fault_) + " commands=" + std::to_string(commands_) +
+         " urcs=" + std::to_string(urcs_) + " restarts=" + std::to_string(restarts_) +
          " power_cycles=" + std::to_string(power_cycles_) + "\n";
   out += std::string("link ppp0 state=") + (link_up_ ? "up address=" + address_ : "down") +
-         " dials=" + std::to_string(dials_) + "\n";
+         " dials=" + std::to_string(dials_) + " at_on_link=" + std::to_string(at_on_link_) + "\n";
 }
 
 }  // namespace fsu::sim

@@ -24,10 +24,18 @@ void control(const TestSandbox& box, const std::vector<std::string>& lines) {
   EXPECT_TRUE(sim::send_control(box.root(), lines, 10, &errors)) << errors.front();
 }
 
-// The dial example (examples/dial) on a quick modem, answering requests on its input.
-std::vector<std::string> dial_app(const TestSandbox& box, const std::string& row = "10") {
-  return {fsusim_path(), "run", "--root", box.root(), "--ctl", "modem boot-delay 2", "--ctl", "modem dial-delay 2",
-          "--ctl", "modem row " + row, "--", FSU_TEST_DIAL};
+// The dial example (examples/dial) on a quick modem, answering requests on its input; more
+// control lines as the board comes up, and settings for the example's environment.
+std::vector<std::string> dial_app(const TestSandbox& box, const std::vector<std::string>& lines = {},
+                                  const std::vector<std::string>& settings = {}) {
+  std::vector<std::string> command = {fsusim_path(), "run", "--root", box.root(), "--ctl", "modem boot-delay 2",
+                                      "--ctl", "modem dial-delay 2"};
+  for (const std::string& line : lines) command.insert(command.end(), {"--ctl", line});
+  command.push_back("--");
+  if (!settings.empty()) command.push_back("env");
+  command.insert(command.end(), settings.begin(), settings.end());
+  command.push_back(FSU_TEST_DIAL);
+  return command;
 }
 
 // Sends a request and waits for the `count`-th occurrence of its answer.
@@ -142,21 +150,61 @@ TEST(ModemRecovery, ASilentPortADroppedLinkAndAModemPulledWhileOnlineAndPluggedB
   EXPECT_EQ(app.wait_exit(30), 0);  // the example ends with its input
 }
 
-TEST(ModemRecovery, SoftRestartPowerCyclesRowElevenAndRestartsRowTenByCommand) {
+TEST(ModemRecovery, SoftRestartPowerCyclesRowElevenAndRestartsRowTenByCommandBothOffUsbAndBackWithBootLines) {
   for (const auto& rows : {std::tuple{"11", "power_cycles", "restarts"}, {"10", "restarts", "power_cycles"}}) {
     const auto [row, counter_binding, other] = rows;
     const std::string counter = counter_binding;  // a lambda below captures it
     TestSandbox box;
-    ConsoleDriver app(dial_app(box, row), ConsoleDriver::Mode::kPipes);
+    ConsoleDriver app(dial_app(box, {std::string("modem row ") + row}), ConsoleDriver::Mode::kPipes);
     ASSERT_TRUE(ready(app, box)) << app.output();
+    const long said = modem_count(box, "urcs");
     ASSERT_TRUE(ask(app, "soft", "soft 0", 1, 5));
+    // Off USB while it restarts: the listing lacks it.
+    EXPECT_TRUE(poll_until(20, [&] { return box.read("/sim/usb").find("LTE modem") == std::string::npos; })) << row;
     ASSERT_TRUE(poll_until(20, [&] { return modem_count(box, counter) == 1; })) << row << state_line(box, "modem ");
     const double restarted = platform::monotonic_seconds();
-    const long heard = modem_count(box, "commands");
-    ASSERT_TRUE(poll_until(30, [&] { return modem_count(box, "commands") > heard + 2; })) << row;
+    ASSERT_TRUE(poll_until(20, [&] { return box.read("/sim/usb").find("LTE modem") != std::string::npos; })) << row;
+    control(box, {"modem signal 31"});
+    // Its six boot lines come while the SDK queries it; they are read past, and the queries succeed.
+    EXPECT_TRUE(poll_until(5, [&] { return modem_count(box, "urcs") == said + 6; })) << row << state_line(box, "modem ");
+    EXPECT_TRUE(poll_until(20, [&] {
+      return box.read("/tmp/Globalp.ini") == "cimi=460001234567890\nimei=866123456789012\ncsq=-54\n";
+    })) << row << box.read("/tmp/Globalp.ini");
     report(row == std::string("11") ? "soft restart of row 11 (power cycle)" : "soft restart of row 10 (AT+CFUN=1,1)", restarted);
     EXPECT_EQ(modem_count(box, other), 0) << row;
   }
+}
+
+TEST(ModemOnSimulator, RowElevenOnlineAMinuteHearsNoCommandOnItsDataPortAndASimSwappedBetweenStartsIsSeen) {
+  TestSandbox box;
+  {
+    // The SDK's clock at five times the pace: its minute online takes 12 s.
+    ConsoleDriver app(dial_app(box, {"modem row 11"}, {"FSU_CLOCK_RATE=5"}), ConsoleDriver::Mode::kPipes);
+    ASSERT_TRUE(ready(app, box)) << app.output();
+    ASSERT_TRUE(dial(app, 1)) << app.output();
+    const std::size_t from = box.calls().size();
+    const auto listings = [&] {  // a USB listing every other pass, a pass a second on the SDK's clock
+      app.wait_for("\x01", 0.01);  // the example's output read on, so that its printing never blocks
+      int n = 0;
+      for (std::size_t at = box.calls().find("lsusb", from); at != std::string::npos; at = box.calls().find("lsusb", at + 1)) ++n;
+      return n;
+    };
+    EXPECT_TRUE(poll_until(40, [&] { return listings() >= 30; }));
+    EXPECT_NE(state_line(box, "link ppp0 ").find("state=up address=10.64.12.34 dials=1 at_on_link=0"), std::string::npos)
+        << state_line(box, "link ppp0 ");
+    EXPECT_TRUE(ask(app, "online 1", "online reached", 2, 5)) << app.output();
+    app.end_input();
+    EXPECT_EQ(app.wait_exit(30), 0);
+  }
+  // The board started again in the same root with another SIM in the modem.
+  ConsoleDriver app(dial_app(box, {"modem row 11", "modem imsi 460017777777777"}, {"FSU_CLOCK_RATE=5"}), ConsoleDriver::Mode::kPipes);
+  ASSERT_TRUE(app.wait_for("dial: ready\n", 60)) << app.output();
+  EXPECT_TRUE(poll_until(20, [&] { return box.read("/tmp/Globalp.ini").starts_with("cimi=460017777777777\n"); }))
+      << box.read("/tmp/Globalp.ini");
+  ASSERT_TRUE(ask(app, "info", "static {", 1, 5)) << app.output();
+  EXPECT_TRUE(has(app.output(), "\"IMSI\":\"460017777777777\"}"));
+  app.end_input();
+  EXPECT_EQ(app.wait_exit(30), 0);
 }
 
 }  // namespace

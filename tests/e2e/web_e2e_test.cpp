@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -97,11 +98,12 @@ TEST(WebPagesOnSimulator, InputReadingsOfTheBoardsEachSecond) {
   EXPECT_TRUE(console.wait_for(";\r\nDI(9-16):1;0;0;0;0;0;0;0;\r\n", 5)) << console.output();
 }
 
-TEST(WebPagesOnSimulator, WebModeCountsSwitchesOutputsPublishesTheModemAndDialsAgain) {
+TEST(WebPagesOnSimulator, WebModeCountsSwitchesOutputsPublishesTheModemAndDialsAgainWhenItIsBack) {
   TestSandbox box;
-  // The link never gets an address; benchkit's clock runs five times as fast, so its minute to a
+  // The modem is plugged in later; benchkit's clock runs five times as fast, so its minute to a
   // second dial takes 12 s.
-  ConsoleDriver web = benchkit(box, {"--ctl", "modem unplug"}, "web", {"FSU_CLOCK_RATE=5"});
+  ConsoleDriver web = benchkit(box, {"--ctl", "modem unplug", "--ctl", "modem boot-delay 0.5", "--ctl", "modem dial-delay 0"},
+                               "web", {"FSU_CLOCK_RATE=5"});
   ASSERT_TRUE(web.wait_for("按CTRL+C退出软件", 40)) << web.output();
   const double started = platform::monotonic_seconds();
   const auto above = [](const sim::PortCounters& a, const sim::PortCounters& b) {
@@ -120,12 +122,31 @@ TEST(WebPagesOnSimulator, WebModeCountsSwitchesOutputsPublishesTheModemAndDialsA
   EXPECT_TRUE(poll_until(5, [&] { return box.read("/sys/class/gpio/gpio18/value")[0] == '0'; }));  // chase: alarm lit
   std::remove(box.path("/tmp/NetModuleInfo").c_str());  // rewritten each second
   EXPECT_TRUE(poll_until(3, [&] { return box.read("/tmp/NetModuleInfo").starts_with("SIM 卡状态: 识别中;"); }));
-  EXPECT_TRUE(poll_until(30, [&] {  // dialled twice
-    const std::string log = box.read("/tmp/sdklog.log");
-    return log.find("]:执行拨号动作", log.find("]:执行拨号动作") + 1) != std::string::npos;
-  }));
+  // Plugged in, the watchdog's dial after a minute offline brings the link up. Pulled while
+  // online, the report loses the address within 3 s; plugged back, the link is up again within
+  // 90 s on benchkit's clock (the minute and the dial), with no call from anyone but the
+  // watchdog. The tools the passes run (lsusb, ifconfig, the dial script) take real time that
+  // the faster clock does not shorten, on a loaded machine up to 1 s of its time a pass: 3 s of
+  // real time are allowed for them.
+  // The loopback test's output is checked up to here: at five times the pace its 1 s wait for
+  // the echo is 0.2 s of real time, which a loaded machine does not always keep.
+  const std::size_t looped = web.output().size();
+  const auto ip = [&](const std::string& address) {
+    web.wait_for("\x01", 0.01);  // benchkit's output read on, so that its printing never blocks
+    return box.read("/tmp/NetModuleInfo").ends_with("模块网络IP:" + address + ";");
+  };
+  for (const char* change : {"modem plug", "modem unplug", "modem plug"}) {
+    std::vector<std::string> errors;
+    ASSERT_TRUE(sim::send_control(box.root(), std::vector<std::string>{change}, 10, &errors)) << change;
+    const double since = platform::monotonic_seconds();
+    const bool plugged = change == std::string("modem plug");
+    EXPECT_TRUE(poll_until(plugged ? 90.0 / 5 + 3 : 3, [&] { return ip(plugged ? "10.64.12.34" : ""); }))
+        << change << " " << box.read("/tmp/NetModuleInfo");
+    std::printf("[ web mode ] %s: %s %.1f s later\n", change, plugged ? "online" : "no address", platform::monotonic_seconds() - since);
+  }
+  EXPECT_NE(sim::state_line(box, "link ppp0 ").find("state=up"), std::string::npos);
   EXPECT_GT(platform::monotonic_seconds() - started, 57.0 / 5);
-  EXPECT_EQ(web.output().find("收到数据异常"), std::string::npos) << web.output();
+  EXPECT_EQ(web.output().substr(0, looped).find("收到数据异常"), std::string::npos) << web.output();
 }
 
 }  // namespace

@@ -31,16 +31,17 @@ TEST_F(Supervisor, EvenPassesFindTheModemAndQueryOddPassesOnlyServeRequests) {
   EXPECT_EQ(unit.box.calls().find("uci", calls.size()), std::string::npos);
 }
 
-TEST_F(Supervisor, SavedIdentitiesSkipTheirQueriesAndAnUnregisteredModemIsNotDialled) {
+TEST_F(Supervisor, SavedIdentitiesShowUntilTheModemAnswersAndAnUnregisteredModemIsNotDialled) {
   unit.box.write("/tmp/Globalp.ini", "cimi=460029999999999\nimei=860000000000001\ncsq=\n");
   data_init();
   EXPECT_STREQ(ntu_texts().cimi, "460029999999999");
+  // The SIM was swapped while the application was stopped: the first cycle asks the modem.
   ASSERT_TRUE(unit.control({"modem registered no"}).empty());
   NTU.pppdstart.store(1);
   EXPECT_EQ(FsuModemState(), FSU_MODEM_ABSENT);
   lte_pass(0);
   EXPECT_EQ(FsuModemState(), FSU_MODEM_ON_USB);
-  EXPECT_EQ(unit.box.read("/tmp/Globalp.ini"), "cimi=460029999999999\nimei=860000000000001\ncsq=-61\n");
+  EXPECT_EQ(unit.box.read("/tmp/Globalp.ini"), "cimi=460001234567890\nimei=866123456789012\ncsq=-61\n");
   EXPECT_NE(unit.box.read("/tmp/sdklog.log").find("LTE SYS NO CSQ!"), std::string::npos);
   EXPECT_EQ(unit.box.calls().find("lte.sh"), std::string::npos);
 }
@@ -51,7 +52,7 @@ TEST_F(Supervisor, IdentitiesAreTheModemsOwnWellFormedAnswersAndAreAskedAgainFor
   data_init();
   EXPECT_STREQ(ntu_texts().cimi, "");
   // A late reply and unsolicited lines wait on the closed port: they answer no later command.
-  ASSERT_TRUE(unit.control({"modem unsolicited +CSQ: 24,99", "modem unsolicited OK", "modem unsolicited RDY"}).empty());
+  ASSERT_TRUE(unit.control({"modem urc +CSQ: 24,99", "modem urc OK", "modem urc RDY"}).empty());
   lte_pass(0);
   EXPECT_EQ(FsuModemState(), FSU_MODEM_REGISTERED);
   EXPECT_EQ(unit.box.read("/tmp/Globalp.ini"), "cimi=460001234567890\nimei=866123456789012\ncsq=-61\n");
@@ -68,7 +69,7 @@ TEST_F(Supervisor, IdentitiesAreTheModemsOwnWellFormedAnswersAndAreAskedAgainFor
   EXPECT_STREQ(ntu_texts().imei, "866000000000009");
 }
 
-TEST_F(Supervisor, AfterNoiseWithXoffAndAnEndlessLineTheNextCycleReachesTheModem) {
+TEST_F(Supervisor, AfterNoiseWithXoffAnEndlessLineACutReplyOrTooManyReportsTheNextCycleReachesTheModem) {
   data_init();
   ASSERT_TRUE(unit.control({"modem garbage"}).empty());  // binary noise, 0x13 among it, before a reply
   lte_pass(0);
@@ -77,21 +78,38 @@ TEST_F(Supervisor, AfterNoiseWithXoffAndAnEndlessLineTheNextCycleReachesTheModem
   ASSERT_TRUE(unit.control({"modem stream off", "modem signal 31"}).empty());
   lte_pass(4);
   EXPECT_STREQ(ntu_texts().csq, "-54");  // the probe and the signal query reached the modem
+  // The probe (ATE0) waits for two lines besides its OK: unsolicited reports within that are
+  // read past, a third one or a reply cut in half fails the probe until the next cycle.
+  for (const auto& [fault, probe] : {std::pair{"modem interleave 2", 0}, {"modem interleave 3", 1}, {"modem cut", 1}}) {
+    ASSERT_TRUE(unit.control({fault, "modem signal 20"}).empty());
+    ntu_set_text(NtuText::csq, "");
+    lte_pass(6);
+    EXPECT_EQ(atecount.load(), probe) << fault;
+    EXPECT_STREQ(ntu_texts().csq, probe == 0 ? "-69" : "") << fault;
+    lte_pass(8);
+    EXPECT_STREQ(ntu_texts().csq, "-69") << fault;
+  }
 }
 
 TEST_F(Supervisor, SharedPortRowsQueryOnlyWhileTheLinkIsDownAndAPulledModemIsOfflineAtOnce) {
-  for (const char* row : {"18", "11", "12", "13"}) {  // every row whose AT port is its data port
+  for (const char* row : {"18", "3", "11", "12", "13"}) {  // every row whose AT port is its data port ("ttyS6" and "/dev/ttyS6" on 3)
     data_init();
-    ASSERT_TRUE(unit.control({std::string("modem row ") + row, "modem dial"}).empty());
-    ASSERT_TRUE(sim::state_shows(unit.box, "link ppp0 ", "state=up"));
+    ASSERT_TRUE(unit.control({std::string("modem row ") + row, "modem dial-delay 1"}).empty());
+    NTU.pppdstart.store(1);
+    lte_pass(0);
+    // Nothing is written on the port from the dial on, while the link comes up and while it is up.
+    ASSERT_TRUE(unit.control({"modem signal 24"}).empty());  // sim/state is rewritten at once
     const long heard = commands();
-    for (int pass = 0; pass < 6; ++pass) lte_pass(pass);
+    int pass = 1;
+    ASSERT_TRUE(sim::poll_until(5, [&] { return lte_pass(pass++), sim::state_line(unit.box, "link ppp0 ").find("state=up") != std::string::npos; }));
+    for (const int last = pass + 6; pass < last;) lte_pass(pass++);
     EXPECT_STREQ(ntu_texts().lteip, "10.64.12.34");
     EXPECT_TRUE(ntu_online());
     EXPECT_EQ(FsuModemState(), FSU_MODEM_ONLINE);
     EXPECT_EQ(commands(), heard) << row;
-    ASSERT_TRUE(unit.control({"modem link-drop"}).empty());
-    lte_pass(6);
+    EXPECT_TRUE(sim::state_shows(unit.box, "link ppp0 ", "at_on_link=0")) << row;
+    ASSERT_TRUE(unit.control({"modem link-drop", "modem dial-delay 0"}).empty());
+    lte_pass(pass + (pass % 2));
     EXPECT_TRUE(sim::poll_until(2, [&] { return commands() > heard; })) << row;  // sim/state follows within 0.1 s
   }
   ASSERT_TRUE(unit.control({"modem dial"}).empty());
@@ -119,6 +137,28 @@ TEST_F(Supervisor, TheGenerationIsWhatTheModemSaysInItsLongerShapes) {
     EXPECT_STREQ(ntu_texts().nettype, "3") << row;
     EXPECT_NE(unit.box.calls().find("lte.sh"), std::string::npos) << row;
   }
+}
+
+TEST_F(Supervisor, EachModelsIdentitiesAreReadInItsOwnShapesAndNoneWithoutASim) {
+  // Row 9 answers the IMEI in hexadecimal, row 17 comes up without echo and prefixes +CIMI:,
+  // row 18 knows no ^SYSINFO; on row 10 every shape of the +CGSN answer seen in the field.
+  std::vector<std::vector<std::string>> models = {{"modem row 9"}, {"modem row 17"}, {"modem row 18"}};
+  for (const char* shape : {"colon", "colon-space", "quoted", "quoted-space", "hex"})
+    models.push_back({"modem row 10", std::string("modem imei-reply ") + shape});
+  for (const std::vector<std::string>& lines : models) {
+    data_init();
+    ntu_set_text(NtuText::imei, "");
+    ASSERT_TRUE(unit.control(lines).empty());
+    lte_pass(0);
+    EXPECT_STREQ(ntu_texts().cimi, "460001234567890") << lines.back();
+    EXPECT_STREQ(ntu_texts().imei, "866123456789012") << lines.back();
+  }
+  unit.box.write("/tmp/Globalp.ini", "");
+  data_init();
+  ASSERT_TRUE(unit.control({"modem sim absent"}).empty());  // +CME ERROR: 10 to AT+CIMI
+  lte_pass(0);
+  EXPECT_STREQ(ntu_texts().cimi, "");
+  EXPECT_STREQ(ntu_texts().imei, "866123456789012");
 }
 
 TEST_F(Supervisor, ADialPostedWithAHardRestartIsServedOnceTheModemIsBackAndAHangUpStopsPppd) {

@@ -2,6 +2,7 @@
 // rate, the state and control files, the extension and environment boards on their links.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <string>
 #include <tuple>
@@ -257,6 +258,55 @@ TEST(ExtensionBoards, CarryChannelBytesBothWaysAtTheChannelRate) {
   EXPECT_LT(frames, 48u);                                 // gathered, not a frame a byte
   EXPECT_TRUE(state_shows(unit.box, "uart 10 ", "from_sdk=13 to_sdk=480 dropped=0"));
   close(person);
+}
+
+TEST(Modem, BootsWithItsLinesLeavesUsbToRestartRegistersLateAndLosesItsLinkToACommandOnItsDataPort) {
+  RunningBoard unit({"modem row 11", "modem boot-delay 1", "modem dial-delay 0"});
+  ASSERT_TRUE(unit.started);
+  const std::string port = unit.box.path("/dev/ttyUSB3");
+  const auto hears = [](int fd, const std::string& said) { EXPECT_EQ(take(fd, said.size(), 3), said); };
+  // What it said since its port came up; lines that came before the port was raw had CR read as LF.
+  const auto boot_lines = [&] {
+    const int fd = open_port(port, B115200, 0, false);
+    std::string got = take(fd, 85, 3);
+    std::ranges::replace(got, '\r', '\n');
+    EXPECT_EQ(got, "\n\nRDY\n\n\n\n+CFUN: 1\n\n\n\n+CPIN: READY\n\n\n\n+QUSIM: 1\n\n\n\n+QIND: SMS DONE\n\n\n\n+QIND: PB DONE\n\n");
+    return fd;
+  };
+  int fd = boot_lines();
+  // A report at once, and two between the next command (echoed) and its reply.
+  ASSERT_TRUE(unit.control({"modem urc +QIND: \"act\",\"LTE\"", "modem interleave 2", "modem register-delay 2"}).empty());
+  put(fd, "AT+CSQ\r");
+  hears(fd, "\r\n+QIND: \"act\",\"LTE\"\r\nAT+CSQ\r\r\n+QIND: \"csq\",24,99\r\n\r\n+QIND: \"csq\",24,99\r\n\r\n+CSQ: 24,99\r\n\r\nOK\r\n");
+  // A restart by command: acknowledged, then off USB (listing and port gone) for the boot.
+  put(fd, "AT+CFUN=1,1\r");
+  hears(fd, "AT+CFUN=1,1\r\r\nOK\r\n");
+  const auto listed = [&] { return access(port.c_str(), F_OK) == 0 && unit.box.read("/sim/usb").find("ID 2c7c:6026 M820") != std::string::npos; };
+  EXPECT_TRUE(poll_until(1, [&] { return access(port.c_str(), F_OK) != 0 && unit.box.read("/sim/usb").find("2c7c") == std::string::npos; }));
+  close(fd);
+  ASSERT_TRUE(poll_until(3, listed));
+  fd = boot_lines();
+  // Registered 2 s after it came back: searching until then, and a dial meanwhile gets no link.
+  ASSERT_TRUE(unit.control({"modem dial"}).empty());
+  put(fd, "AT+CREG?\r");
+  EXPECT_EQ(take(fd, 50, 1).substr(0, 21), "AT+CREG?\r\r\n+CREG: 2,2");
+  EXPECT_TRUE(state_shows(unit.box, "modem ", "registered=searching"));
+  EXPECT_TRUE(poll_until(3, [&] { return state_line(unit.box, "modem ").find("registered=yes") != std::string::npos; }));
+  ASSERT_TRUE(state_shows(unit.box, "link ppp0 ", "state=down dials=1 at_on_link=0") && unit.control({"modem dial"}).empty());
+  ASSERT_TRUE(state_shows(unit.box, "link ppp0 ", "state=up"));
+  // Row 11 carries PPP on its AT port: a command written there breaks the link, and is data.
+  put(fd, "AT+CSQ\r");
+  hears(fd, "\r\nNO CARRIER\r\n");
+  EXPECT_TRUE(state_shows(unit.box, "link ppp0 ", "state=down dials=2 at_on_link=1"));
+  close(fd);
+  // Models differ: row 17 keeps its echo off after a boot, row 18 knows no ^SYSINFO.
+  for (const auto& [row, answer] : {std::pair{"17", "\r\n^SYSINFO:2,3,0,17,1\r\n\r\nOK\r\n"}, {"18", "AT^SYSINFO\r\r\nERROR\r\n"}}) {
+    ASSERT_TRUE(unit.control({"modem boot-delay 0", "modem register-delay 0", std::string("modem row ") + row}).empty());
+    fd = open_port(unit.box.path("/dev/ttyUSB2"), B115200);
+    put(fd, "AT^SYSINFO\r");
+    hears(fd, answer);
+    close(fd);
+  }
 }
 
 }  // namespace
