@@ -20,6 +20,7 @@
 #include "sim/board.h"
 #include "sim/control_client.h"
 #include "sim/sandbox.h"
+#include "sim/scenario/test_command.h"
 #include "sim/uci_file.h"
 #include "sim/unit_status.h"
 #include "sim/web_pages.h"
@@ -46,6 +47,7 @@ constexpr char kUsage[] =
     "      the state of the board up in DIR: its sim/state lines, or one JSON object keyed\n"
     "      by their opening words (\"relay 2\", \"modem\", ...)\n"
     "%s"
+    "%s"
     "  fsusim tool NAME ARG...\n"
     "      the simulator's side of a stand-in device tool (uci)\n"
     "  fsusim --version\n"
@@ -58,7 +60,7 @@ constexpr char kUsage[] =
     "  --ctl LINE     a control line applied as the board comes up (\"modem row 11\")\n";
 
 int usage(int code) {
-  std::fprintf(code == 0 ? stdout : stderr, kUsage, fsu::sim::kWebUsage);
+  std::fprintf(code == 0 ? stdout : stderr, kUsage, fsu::sim::kWebUsage, fsu::sim::scenario::kTestUsage);
   return code;
 }
 
@@ -437,5 +439,6 @@ int main(int argc, char** argv) {
   if (command == "web") return command_web(argc - 2, argv + 2);
   if (command == "tool") return command_tool(argc - 2, argv + 2);
   if (command == "status") return command_status(argc - 2, argv + 2);
-  return bad_use("unknown command " + std::string(command) + " (commands: run, up, ctl, web, status, tool)");
+  if (command == "test") return fsu::sim::scenario::test_command(argc - 2, argv + 2);
+  return bad_use("unknown command " + std::string(command) + " (commands: run, up, ctl, web, status, test, tool)");
 }
