@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
@@ -174,6 +175,7 @@ class Run {
   bool write_out(int fd, const std::string& bytes, double timeout, std::size_t* sent);
   bool ask_web(std::string* why);
   bool state_is(const Step& step, std::string* seen) const;
+  bool take_call(std::string_view text);
   bool app_gone() const { return exited_; }
   std::string exit_text() const;
 
@@ -194,6 +196,7 @@ class Run {
   std::vector<Forbidden> forbidden_;
   std::vector<std::string> web_words_;
   std::string web_answer_;
+  std::uint64_t calls_taken_ = 0;  // offset in sim/calls.log after the last wait-call match
 };
 
 std::string Run::exit_text() const {
@@ -394,6 +397,21 @@ bool Run::state_is(const Step& step, std::string* seen) const {
   return value && *value == step.text;
 }
 
+// Finds `text` in a line of sim/calls.log after the last match and moves past that line. The
+// tools write the file on the application's behalf, so it is read bounded, as any text.
+bool Run::take_call(std::string_view text) {
+  std::ifstream in(root_ + "/sim/calls.log", std::ios::binary);
+  in.seekg(static_cast<std::streamoff>(calls_taken_));
+  std::string calls(kTrimAt, '\0');
+  in.read(calls.data(), static_cast<std::streamsize>(calls.size()));
+  calls.resize(static_cast<std::size_t>(std::max<std::streamsize>(in.gcount(), 0)));
+  const std::size_t at = calls.find(text);
+  const std::size_t end = at == std::string::npos ? at : calls.find('\n', at);
+  if (end == std::string::npos) return false;  // a line counts once it is complete
+  calls_taken_ += end + 1;
+  return true;
+}
+
 bool Run::play_step(const Step& step) {
   const std::string limit = " within " + seconds_text(step.timeout);
   switch (step.kind) {
@@ -476,6 +494,10 @@ bool Run::play_step(const Step& step) {
       }
       return true;
     }
+    case Kind::kWaitCall:
+      if (wait(step.timeout, [&] { return take_call(step.text); })) return true;
+      return fail(&step, quoted(step.text) + ": no such call", "a device tool called with " + quoted(step.text) + limit,
+                  "no such line in sim/calls.log since the last match");
     case Kind::kWaitExit:
       if (wait(step.timeout, [this] { return app_gone(); }) && status_ == step.code) return true;
       return fail(&step, std::to_string(step.code) + ": " + (app_gone() ? exit_text() : "still running"),

@@ -26,11 +26,12 @@ constexpr Keyword kKeywords[] = {
     {"wait-uart", Kind::kWaitUart},    {"wait-state", Kind::kWaitState},
     {"expect-state", Kind::kExpectState}, {"web", Kind::kWeb},
     {"wait-web", Kind::kWaitWeb},      {"wait-exit", Kind::kWaitExit},
+    {"wait-call", Kind::kWaitCall},
 };
 
 constexpr std::string_view kKeywordList =
     "delay, set, input, wait-output, fail-output, write-uart, wait-uart, wait-state, expect-state, web, wait-web, "
-    "wait-exit";
+    "wait-exit, wait-call";
 
 // The first words of the requests `fsusim web` knows.
 constexpr std::string_view kWebActions[] = {"read-aidi", "read-gps", "read-gps-db", "uart",
@@ -219,6 +220,7 @@ Step load_step(const YAML::Node& item, bool* asked_web) {
       break;
     case Kind::kWaitOutput:
     case Kind::kFailOutput:
+    case Kind::kWaitCall:
       step.text = text_of(value, line, keyword->name);
       break;
     case Kind::kWriteUart:

@@ -30,6 +30,7 @@ enum class Kind {
   kWeb,          // text: a web request, its words as `fsusim web` takes them
   kWaitWeb,      // text awaited in the answer to the last web request, asked again until it comes
   kWaitExit,     // code: the application ends with this status
+  kWaitCall,     // text awaited in a line of sim/calls.log: a device tool the application ran
 };
 
 struct Step {
