@@ -37,7 +37,6 @@ constexpr std::size_t kReported = 64 * 1024;
 constexpr double kTick = 0.05;
 // How long the application has to end after SIGTERM before it is killed.
 constexpr double kStopGrace = 3.0;
-constexpr int kShownLines = 10;
 
 double now() { return platform::monotonic_seconds(); }
 
