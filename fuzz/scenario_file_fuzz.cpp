@@ -22,17 +22,16 @@ bool within(const Step& step, int lines) {
          step.code >= 0 && step.code <= 255;
 }
 
-// Only the five entities stand for markup; every other byte below 0x20 is a tab or a line feed.
-bool plain_xml(const std::string& text) {
+// No markup character, no control byte but a tab or a line feed, and '&' only as an entity.
+bool plain_xml(std::string_view text) {
   for (std::size_t i = 0; i < text.size(); ++i) {
     const auto c = static_cast<unsigned char>(text[i]);
-    if (c == '<' || c == '>' || c == '"' || c == '\'' || (c < 0x20 && c != '\t' && c != '\n')) return false;
-    if (c == '&') {
-      const std::string_view rest = std::string_view(text).substr(i);
-      if (!rest.starts_with("&amp;") && !rest.starts_with("&lt;") && !rest.starts_with("&gt;") &&
-          !rest.starts_with("&quot;") && !rest.starts_with("&apos;") && !rest.starts_with("&#13;")) {
-        return false;
-      }
+    const std::string_view rest = text.substr(i, 6);
+    const bool entity = rest.starts_with("&amp;") || rest.starts_with("&lt;") || rest.starts_with("&gt;") ||
+                        rest.starts_with("&quot;") || rest.starts_with("&apos;") || rest.starts_with("&#13;");
+    if ((c == '&' && !entity) || std::string_view("<>\"'").find(static_cast<char>(c)) != std::string_view::npos ||
+        (c < 0x20 && c != '\t' && c != '\n')) {
+      return false;
     }
   }
   return true;

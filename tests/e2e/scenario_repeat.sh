@@ -6,10 +6,7 @@ set -u
 fsusim=$1 scenario=$2 report=$3
 shift 3
 busy=()
-for _ in 1 2; do
-  (while :; do :; done) &
-  busy+=($!)
-done
+for _ in 1 2; do (while :; do :; done) & busy+=($!); done
 trap 'kill "${busy[@]}"' EXIT
 runs=()
 for _ in $(seq 20); do runs+=("$scenario"); done
