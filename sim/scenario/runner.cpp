@@ -138,7 +138,8 @@ bool read_all(int fd, Stream* into) {
   }
 }
 
-// A program's path as execve takes it: as given when it names a folder, else found on `path`.
+}  // namespace
+
 std::string program_path(const std::string& name, const std::string& path) {
   if (name.find('/') != std::string::npos) return name;
   std::size_t start = 0;
@@ -151,6 +152,8 @@ std::string program_path(const std::string& name, const std::string& path) {
     start = end + 1;
   }
 }
+
+namespace {
 
 class Run {
  public:
@@ -399,9 +402,11 @@ bool Run::state_is(const Step& step, std::string* seen) const {
 // Finds `text` in a line of sim/calls.log after the last match and moves past that line. The
 // tools write the file on the application's behalf, so it is read bounded, as any text.
 bool Run::take_call(std::string_view text) {
-  std::ifstream in(root_ + "/sim/calls.log", std::ios::binary);
+  std::ifstream in(root_ + "/sim/calls.log", std::ios::binary | std::ios::ate);
+  const std::streamoff size = in ? static_cast<std::streamoff>(in.tellg()) : 0;
+  if (size <= static_cast<std::streamoff>(calls_taken_)) return false;
+  std::string calls(std::min<std::size_t>(static_cast<std::size_t>(size) - calls_taken_, kTrimAt), '\0');
   in.seekg(static_cast<std::streamoff>(calls_taken_));
-  std::string calls(kTrimAt, '\0');
   in.read(calls.data(), static_cast<std::streamsize>(calls.size()));
   calls.resize(static_cast<std::size_t>(std::max<std::streamsize>(in.gcount(), 0)));
   const std::size_t at = calls.find(text);
@@ -527,16 +532,14 @@ Outcome Run::play() {
 
 void Run::tear_down() {
   ending_ = true;
-  if (pid_ > 0 && !exited_) {
-    kill(-pid_, SIGTERM);  // the application's whole session: what it started goes too
-    kill(pid_, SIGTERM);
+  // The application's whole process group goes, also what it left running after it ended (the
+  // group's number is not handed out again while the group has members).
+  if (pid_ > 0) {
+    kill(-pid_, SIGTERM);
     const double end = now() + kStopGrace;
-    while (!exited_ && now() < end) pump(end);
-    if (!exited_) {
-      kill(-pid_, SIGKILL);
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
+    while (!(exited_ && kill(-pid_, 0) != 0) && now() < end) pump(end);
+    kill(-pid_, SIGKILL);
+    if (!exited_) waitpid(pid_, nullptr, 0);
   }
   pid_ = -1;
   for (auto& [port, end] : ports_) {

@@ -28,6 +28,10 @@ struct Outcome {
   std::string output;    // the application's output (its last 64 KiB)
 };
 
+// A program's path as execve takes it: `name` when it names a folder, else the first executable
+// of that name in the folders of `path`; "" when there is none.
+std::string program_path(const std::string& name, const std::string& path);
+
 // The last `count` lines of `output`, each shown as "  | LINE" with control characters as '?'.
 std::string last_lines(const std::string& output, int count);
 

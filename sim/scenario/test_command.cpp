@@ -123,6 +123,9 @@ int test_command(int argc, char** argv) {
   Arguments args;
   if (const std::string error = parse(argc, argv, &args); !error.empty()) return bad_use(error);
 
+  const char* path = std::getenv("PATH");
+  const std::string program = program_path(args.command[0], path != nullptr ? path : "");
+  if (program.empty() || access(program.c_str(), X_OK) != 0) return bad_use("cannot run " + args.command[0] + ": no such program");
   // Every file loads before anything runs.
   std::vector<Scenario> scenarios;
   bool loaded = true;

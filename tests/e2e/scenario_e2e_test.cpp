@@ -60,6 +60,7 @@ TEST(ScenarioOnSimulator, InputsRelaysPassesWithOneJunitCaseFailsWithinItsTimeou
   EXPECT_EQ(fsusim_test(box, "--junit bad.xml ok.yaml bad.yaml" + app, &out), 2) << out;
   EXPECT_EQ(out.rfind("fsusim: test: bad.yaml:3: unknown step \"press-button\"", 0), 0u) << out;
   EXPECT_FALSE(box.exists("/tmp/bad.xml"));
+  EXPECT_EQ(fsusim_test(box, "ok.yaml -- ./no-such-app", &out), 2) << out;
   EXPECT_EQ(units_left(box), "0\n");
 }
 
