@@ -16,6 +16,7 @@ have_pkg googletest || [ -f /usr/src/googletest/CMakeLists.txt ] || need+=(googl
 have_pkg libgtest-dev || need+=(libgtest-dev)
 have_pkg libbenchmark-dev || need+=(libbenchmark-dev)
 have_pkg nlohmann-json3-dev || need+=(nlohmann-json3-dev)  # tests and fuzz targets parse the SDK's JSON
+have_pkg libyaml-cpp-dev || need+=(libyaml-cpp-dev)  # fsusim reads scenario files with it
 extras=()
 for extra in "$@"; do
   case $extra in

@@ -21,6 +21,7 @@
 #include "sim/cli_commands.h"
 #include "sim/control_client.h"
 #include "sim/sandbox.h"
+#include "sim/scenario/test_command.h"
 #include "sim/uci_file.h"
 #include "sim/unit_status.h"
 #include "sim/web_pages.h"
@@ -48,6 +49,7 @@ constexpr char kUsage[] =
     "      by their opening words (\"relay 2\", \"modem\", ...)\n"
     "%s"
     "%s"
+    "%s"
     "  fsusim tool NAME ARG...\n"
     "      the simulator's side of a stand-in device tool (uci)\n"
     "  fsusim --version\n"
@@ -60,7 +62,8 @@ constexpr char kUsage[] =
     "  --ctl LINE     a control line applied as the board comes up (\"modem row 11\")\n";
 
 int usage(int code) {
-  std::fprintf(code == 0 ? stdout : stderr, kUsage, fsu::sim::kWebUsage, fsu::sim::kCliUsage);
+  std::fprintf(code == 0 ? stdout : stderr, kUsage, fsu::sim::kWebUsage, fsu::sim::kCliUsage,
+               fsu::sim::scenario::kTestUsage);
   return code;
 }
 
@@ -447,6 +450,7 @@ int main(int argc, char** argv) {
   if (command == "ls") return fsu::sim::command_ls(argc - 2, argv + 2);
   if (command == "term") return fsu::sim::command_term(argc - 2, argv + 2);
   if (command == "clean") return fsu::sim::command_clean(argc - 2, argv + 2);
+  if (command == "test") return fsu::sim::scenario::test_command(argc - 2, argv + 2);
   return bad_use("unknown command " + std::string(command) +
-                 " (commands: run, up, ctl, web, status, ls, term, clean, tool)");
+                 " (commands: run, up, ctl, web, status, ls, term, clean, test, tool)");
 }
