@@ -42,6 +42,8 @@ REPO = Path(__file__).resolve().parent.parent
 
 # Why a block is not run: the one place that says so.
 SKIP_REASONS = {
+    "yours": "names the reader's own scenario files or application (tests/*.yaml, ./myapp --config); "
+             "the examples' scenarios run as ctest tests (label scenario)",
     "setup": "installs Debian packages (root and a network) and builds for minutes; CI runs scripts/test.sh itself",
     "stage": "builds a tree or runs a CI stage (minutes); CI runs each stage itself",
     "install": "installs under /opt/fsu (root); scripts/check_install.sh does the same in a temporary prefix "
@@ -184,7 +186,7 @@ class Runner:
 
     def shell_env(self, work):
         env = dict(self.env)
-        env["PATH"] = f"{self.build}:{work}:{env.get('PATH', '/usr/bin:/bin')}"
+        env["PATH"] = f"{self.build}:{self.build}/tools/fsuctl:{work}:{env.get('PATH', '/usr/bin:/bin')}"
         return env
 
     def prepare(self, work):
