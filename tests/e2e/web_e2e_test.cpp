@@ -72,7 +72,7 @@ TEST(WebPagesOnSimulator, RequestsAnsweredAndItemsOnAUnitWithoutBoards) {
 
 TEST(WebPagesOnSimulator, OutputsOneByOneThenTheFactoryLoopbackOnTheBoards) {
   TestSandbox box;
-  ConsoleDriver console = benchkit(box, {});
+  ConsoleDriver console = benchkit(box, {}, nullptr, {"FSU_CLOCK_RATE=2"});
   ASSERT_TRUE(console.wait_for("输入测试项: ", 30)) << console.output();
   console.send("5\n");
   EXPECT_TRUE(poll_until(10, [&] { return sim::state_line(box, "relay 4 ").ends_with("state=on"); }));
@@ -86,7 +86,7 @@ TEST(WebPagesOnSimulator, OutputsOneByOneThenTheFactoryLoopbackOnTheBoards) {
 
 TEST(WebPagesOnSimulator, InputReadingsOfTheBoardsEachSecond) {
   TestSandbox box;
-  ConsoleDriver console = benchkit(box, {});
+  ConsoleDriver console = benchkit(box, {}, nullptr, {"FSU_CLOCK_RATE=2"});
   ASSERT_TRUE(console.wait_for("输入测试项: ", 30)) << console.output();
   ConsoleDriver(fsusim(box, "ctl", {"ai 3 2.5", "di 9 closed"}), ConsoleDriver::Mode::kPipes).wait_exit(10);
   std::string aidi;
