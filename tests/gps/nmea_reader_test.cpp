@@ -63,6 +63,8 @@ TEST_F(NmeaReader, ParsesOnlyBatchesAboveTheThresholdAndReadsPositionInSinglePre
   read_batch(kGga.substr(0, kGga.size() - 2) + kSouth);  // glued to the sentence before it
   EXPECT_FLOAT_EQ(static_cast<float>(gps_fix().latitude), 33.85f);
   EXPECT_FLOAT_EQ(static_cast<float>(gps_fix().longitude), 151.20833f);
+  read_batch(kGga.substr(0, kGga.size() - 1) + "\r\n");  // a doubled carriage return still ends the line
+  EXPECT_FLOAT_EQ(static_cast<float>(gps_fix().latitude), 48.1173f);
 }
 
 TEST_F(NmeaReader, ZdaGivesUtcPlusEightHoursCorrectedByItsZone) {
