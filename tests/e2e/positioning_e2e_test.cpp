@@ -82,7 +82,7 @@ TEST(PositioningOnSimulator, ClockRepairItemTwelveModeItemsAndAReceiverInTrouble
 
 TEST(PositioningOnSimulator, ThePositionExampleSetsTheModeAndReadsTheFixAndTheSky) {
   TestSandbox box;
-  ConsoleDriver app({fsusim_path(), "run", "--root", box.root(), "--", FSU_TEST_POSITION, "1", "30"},
+  ConsoleDriver app({fsusim_path(), "run", "--root", box.root(), "--", "env", "FSU_CLOCK_RATE=2", FSU_TEST_POSITION, "1", "30"},
                     ConsoleDriver::Mode::kPipes);
   EXPECT_EQ(app.wait_exit(60), 0);  // a fix came
   // GPS only: no BeiDou satellite counted.

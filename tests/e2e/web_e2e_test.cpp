@@ -104,6 +104,8 @@ TEST(WebPagesOnSimulator, WebModeCountsSwitchesOutputsPublishesTheModemAndDialsA
   // second dial takes 12 s.
   ConsoleDriver web = benchkit(box, {"--ctl", "modem unplug"}, "web", {"FSU_CLOCK_RATE=5"});
   ASSERT_TRUE(web.wait_for("按CTRL+C退出软件", 40)) << web.output();
+  EXPECT_NE(web.output().find("流水灯闪烁模式\r\n/*****"), std::string::npos);
+  EXPECT_EQ(web.output().find("输入测试项"), std::string::npos);  // the single argument "web": no menu
   const double started = platform::monotonic_seconds();
   const auto above = [](const sim::PortCounters& a, const sim::PortCounters& b) {
     return std::ranges::all_of(std::vector{0, 1, 2, 3}, [&](int i) { return a.sent[i] > b.sent[i] && a.received[i] > b.received[i]; });
