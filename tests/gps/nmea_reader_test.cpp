@@ -134,7 +134,7 @@ TEST(ReadAStr, TakesTheTextBetweenTwoCountedNeedles) {
     EXPECT_EQ(Read_A_Str(text.c_str(), n, m, a, b), expected) << text << n << m;
   }
   const std::uint8_t body[] = "GPZDA,082710.00,16,11,2026,00,00";
-  EXPECT_TRUE(Read_Str_Num("aaaa", "aa") == 3 && Check_sum(body, sizeof body - 1) == 0x6B);
+  EXPECT_TRUE(Read_Str_Num("aaaa", "aa") == 3 && Read_Str_Num("aaaa", "") == 0 && Check_sum(body, sizeof body - 1) == 0x6B);
 }
 
 }  // namespace
