@@ -9,9 +9,12 @@
 
 #include "tests/common/console_driver.h"
 #include "tests/common/test_sandbox.h"
+#include "tests/sim/board_fixture.h"
 
 namespace fsu::test {
 namespace {
+
+using sim::count;
 
 const std::string kRule = "-----------------------------------------\n";
 const std::string kMenu =
@@ -24,12 +27,6 @@ const std::string kMenu =
     "\t16.获取无线模组信息(PPP0 IP, CIMI IMEI 信号强度等)\n\t17.打开SDK日志\n\t18.关闭SDK日志\n"
     "\t21.GPS+北斗定位\n\t22.GPS 定位\n\t23.北斗 定位\n\t98.获取模块静态动态信息\n\t99.设置GPS类型\n" +
     kRule + "输入测试项: ";
-
-int count(const std::string& text, const std::string& part) {
-  int n = 0;
-  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
-  return n;
-}
 
 // benchkit on the simulated board; on a unit without boards its clock runs four times as fast
 // (the items' one-second steps, its start-up), as nothing there answers on the board's time.

@@ -15,19 +15,10 @@
 namespace fsu::test {
 namespace {
 
+using sim::control;
+using sim::gpio;
 using sim::poll_until;
 using sim::state_shows;
-
-// Hands control lines to the board up in the sandbox, as `fsusim ctl` does.
-void control(const TestSandbox& box, const std::vector<std::string>& lines) {
-  std::vector<std::string> errors;
-  EXPECT_TRUE(sim::send_control(box.root(), lines, 10, &errors)) << errors.front();
-}
-
-// The level of a GPIO line, '0' or '1'; '?' while the value file is being rewritten.
-char gpio(const TestSandbox& box, int line) {
-  return (box.read("/sys/class/gpio/gpio" + std::to_string(line) + "/value") + "?")[0];
-}
 
 // The times at which a GPIO line changed its level while it was watched for `seconds`.
 std::vector<double> changes(const TestSandbox& box, int line, double seconds) {

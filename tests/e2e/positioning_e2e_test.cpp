@@ -14,13 +14,8 @@
 namespace fsu::test {
 namespace {
 
+using sim::count;
 using sim::poll_until;
-
-int count(const std::string& text, const std::string& what) {
-  int n = 0;
-  for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-  return n;
-}
 
 // Runs a menu item (and its follow-up line) and waits for the menu to come back.
 void item(ConsoleDriver& console, const std::string& lines) {
