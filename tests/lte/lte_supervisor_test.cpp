@@ -4,6 +4,7 @@
 #include <string>
 
 #include "lte/lte_supervisor.h"
+#include "lte/modem_queries.h"
 #include "lte/ntu.h"
 #include "support/sdk_log.h"
 #include "tests/sim/board_fixture.h"
@@ -70,6 +71,11 @@ TEST_F(Supervisor, AfterNoiseWithXoffAndAnEndlessLineTheNextCycleReachesTheModem
   ASSERT_TRUE(unit.control({"modem stream off", "modem signal 31"}).empty());
   lte_pass(4);
   EXPECT_STREQ(ntu_texts().csq, "-54");  // the probe and the signal query reached the modem
+  // A modem fallen silent holds the signal query for its three one-second waits, no longer.
+  ASSERT_TRUE(unit.control({"modem silent on"}).empty());
+  const double start = platform::monotonic_seconds();
+  EXPECT_EQ(readcsq(ntu_texts().atdev), -1);
+  EXPECT_LT(platform::monotonic_seconds() - start, 4.5);
 }
 
 TEST_F(Supervisor, SharedPortRowsQueryOnlyWhileTheLinkIsDownAndAPulledModemIsOfflineAtOnce) {
