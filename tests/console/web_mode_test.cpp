@@ -32,7 +32,7 @@
 namespace fsu::console {
 namespace {
 
-char gpio(const test::TestSandbox& box, int line) { return (box.read("/sys/class/gpio/gpio" + std::to_string(line) + "/value") + "?")[0]; }
+using sim::gpio;
 
 // Web mode's threads one pass at a time: the counter segment is the sandbox's own and another start clears it,
 // output requests switch both 12 V lines and every relay, the PPP watchdog dials again and publishes the modem.

@@ -11,9 +11,12 @@
 
 #include "tests/common/console_driver.h"
 #include "tests/common/test_sandbox.h"
+#include "tests/sim/board_fixture.h"
 
 namespace fsu::test {
 namespace {
+
+using sim::count;
 
 const std::string kRule = "-----------------------------------------\n";
 const std::string kMenu =
@@ -27,22 +30,19 @@ const std::string kMenu =
     "\t21.GPS+北斗定位\n\t22.GPS 定位\n\t23.北斗 定位\n\t98.获取模块静态动态信息\n\t99.设置GPS类型\n" +
     kRule + "输入测试项: ";
 
-int count(const std::string& text, const std::string& part) {
-  int n = 0;
-  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
-  return n;
-}
-
+// benchkit on the simulated board; on a unit without boards its clock runs four times as fast
+// (the items' one-second steps, its start-up), as nothing there answers on the board's time.
 std::vector<std::string> benchkit_on(const TestSandbox& box, const std::vector<std::string>& args, bool boards = true) {
-  std::vector<std::string> argv = {fsusim_path(), "run", "--root", box.root(), "--without-boards", "--", benchkit_path()};
-  if (boards) argv.erase(argv.begin() + 4);
+  std::vector<std::string> argv = {fsusim_path(), "run", "--root", box.root(), "--", benchkit_path()};
+  if (!boards)
+    argv = {fsusim_path(), "run", "--root", box.root(), "--without-boards", "--", "env", "FSU_CLOCK_RATE=4", benchkit_path()};
   argv.insert(argv.end(), args.begin(), args.end());
   return argv;
 }
 
-TEST(BenchkitOnSimulator, StartsTheSdkPrintsTheMenuAndEndsWithItsInputButIsWebModeForTheSingleArgumentWeb) {
+TEST(BenchkitOnSimulator, StartsTheSdkPrintsTheMenuAndEndsWithItsInput) {
   TestSandbox box;
-  ConsoleDriver console(benchkit_on(box, {"WEB"}), ConsoleDriver::Mode::kPipes);  // only "web" is web mode
+  ConsoleDriver console(benchkit_on(box, {"WEB"}), ConsoleDriver::Mode::kPipes);  // only "web" is web mode (web_e2e_test)
   ASSERT_TRUE(console.wait_for("输入测试项: ", 30)) << console.output();
   const std::string& out = console.output();
   EXPECT_EQ(out.substr(out.find(kRule)), kMenu);
@@ -68,10 +68,6 @@ TEST(BenchkitOnSimulator, StartsTheSdkPrintsTheMenuAndEndsWithItsInputButIsWebMo
   const std::string log = box.read("/tmp/sdklog.log");
   EXPECT_NE(log.find("sdk_SYS   Line=0000000001]:InitializeSDK"), std::string::npos) << log;
   EXPECT_NE(log.find("]:COM=12;AI=16;DI=16,AO=0,DO=4"), std::string::npos) << log;
-
-  ConsoleDriver web(benchkit_on(box, {"web"}), ConsoleDriver::Mode::kPipes);
-  ASSERT_TRUE(web.wait_for("流水灯闪烁模式\r\n/*****", 30)) << web.output();
-  EXPECT_EQ(web.output().find("输入测试项"), std::string::npos);
 }
 
 TEST(BenchkitOnSimulator, APersonAtTheTerminalSwitchesTheLogAndTheTwelveVoltLines) {

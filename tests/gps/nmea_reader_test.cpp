@@ -76,6 +76,8 @@ TEST_F(NmeaReader, ParsesOnlyBatchesAboveTheThresholdAndReadsPositionInSinglePre
   EXPECT_FLOAT_EQ(static_cast<float>(latitude), 48.1173f);
   EXPECT_FLOAT_EQ(static_cast<float>(longitude), -11.516667f);
   EXPECT_EQ(FsuGetPosition(nullptr, &longitude), FSU_ERR_FAILED);
+  read_batch(kGga.substr(0, kGga.size() - 1) + "\r\n");  // a doubled carriage return still ends the line
+  EXPECT_FLOAT_EQ(static_cast<float>(gps_fix().latitude), 48.1173f);
 }
 
 TEST_F(NmeaReader, ZdaGivesUtcPlusEightHoursCorrectedByItsZone) {
@@ -145,7 +147,7 @@ TEST(ReadAStr, TakesTheTextBetweenTwoCountedNeedles) {
     EXPECT_EQ(Read_A_Str(text.c_str(), n, m, a, b), expected) << text << n << m;
   }
   const std::uint8_t body[] = "GPZDA,082710.00,16,11,2026,00,00";
-  EXPECT_TRUE(Read_Str_Num("aaaa", "aa") == 3 && Check_sum(body, sizeof body - 1) == 0x6B);
+  EXPECT_TRUE(Read_Str_Num("aaaa", "aa") == 3 && Read_Str_Num("aaaa", "") == 0 && Check_sum(body, sizeof body - 1) == 0x6B);
 }
 
 }  // namespace

@@ -82,7 +82,8 @@ TEST(Replies, EveryImeiShapeInItsOrderAndTheImsi) {
                {"AT+CGSN8661234567890OK", "", 0},  {"+CGSN: 8661234567890123456789OK", "", 0},  {"NOTHING HERE", "untouched", -1},
                // Hostile or confused modems: only 15 digits, or a hexadecimal number that decodes to them, are an IMEI.
                {"0X313BC14F93A14OK", "866123456789012", 1},  {"AT+CGSN0X1G2OK", "", 0},  {"+CGSN: 86612345678901XOK", "", 0},
-               {"+CPIN: READYOK", "", 0},  {"RDY866123456789012OK", "866123456789012", 1}};
+               {"+CPIN: READYOK", "", 0},  {"RDY866123456789012OK", "866123456789012", 1},
+               {"866123456789012ok", "untouched", -1}};  // a lower-case "ok" counts only after an echo
   for (const auto& c : cases) {
     std::string reply = c.reply;
     char imei[kNtuTextSize] = "untouched";

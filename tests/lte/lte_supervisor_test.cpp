@@ -6,6 +6,7 @@
 
 #include "fsusdk.h"
 #include "lte/lte_supervisor.h"
+#include "lte/modem_queries.h"
 #include "lte/ntu.h"
 #include "support/sdk_log.h"
 #include "tests/sim/board_fixture.h"
@@ -89,6 +90,11 @@ TEST_F(Supervisor, AfterNoiseWithXoffAnEndlessLineACutReplyOrTooManyReportsTheNe
     lte_pass(8);
     EXPECT_STREQ(ntu_texts().csq, "-69") << fault;
   }
+  // A modem fallen silent holds the signal query for its three one-second waits, no longer.
+  ASSERT_TRUE(unit.control({"modem silent on"}).empty());
+  const double start = platform::monotonic_seconds();
+  EXPECT_EQ(readcsq(ntu_texts().atdev), -1);
+  EXPECT_LT(platform::monotonic_seconds() - start, 4.5);
 }
 
 TEST_F(Supervisor, SharedPortRowsQueryOnlyWhileTheLinkIsDownAndAPulledModemIsOfflineAtOnce) {

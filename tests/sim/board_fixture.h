@@ -84,6 +84,24 @@ inline long modem_count(const test::TestSandbox& box, const std::string& key) {
   return at == std::string::npos ? -1 : std::stol(line.substr(at + key.size() + 2));
 }
 
+// How often `part` occurs in `text`.
+inline int count(const std::string& text, const std::string& part) {
+  int n = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+  return n;
+}
+
+// Hands control lines to the board up in the sandbox, as `fsusim ctl` does.
+inline void control(const test::TestSandbox& box, const std::vector<std::string>& lines) {
+  std::vector<std::string> errors;
+  EXPECT_TRUE(send_control(box.root(), lines, 10, &errors)) << errors.front();
+}
+
+// The level of a GPIO line, '0' or '1'; '?' while the value file is being rewritten.
+inline char gpio(const test::TestSandbox& box, int line) {
+  return (box.read("/sys/class/gpio/gpio" + std::to_string(line) + "/value") + "?")[0];
+}
+
 inline bool state_shows(const test::TestSandbox& box, const std::string& prefix, const std::string& text) {
   return poll_until(2, [&] { return state_line(box, prefix).find(text) != std::string::npos; });
 }
