@@ -20,11 +20,6 @@ using sim::modem_count;
 using sim::poll_until;
 using sim::state_line;
 
-void control(const TestSandbox& box, const std::vector<std::string>& lines) {
-  std::vector<std::string> errors;
-  EXPECT_TRUE(sim::send_control(box.root(), lines, 10, &errors)) << errors.front();
-}
-
 // The dial example (examples/dial) on a quick modem, answering requests on its input; more
 // control lines as the board comes up, and settings for the example's environment. Its SDK
 // runs 4 times faster than real time unless the settings say otherwise, the modem at real time.
