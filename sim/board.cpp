@@ -95,6 +95,19 @@ bool number_in(std::string_view word, int lo, int hi, int* out) {
   return ec == std::errc() && end == word.data() + word.size() && *out >= lo && *out <= hi;
 }
 
+// Bytes written as hex digits, two a byte, 1 to kMaxTyped of them.
+constexpr std::size_t kMaxTyped = 1024;
+bool hex_bytes(std::string_view hex, std::vector<std::uint8_t>* bytes) {
+  if (hex.empty() || hex.size() % 2 != 0 || hex.size() > 2 * kMaxTyped) return false;
+  for (std::size_t i = 0; i < hex.size(); i += 2) {
+    std::uint8_t byte = 0;
+    const auto [end, ec] = std::from_chars(hex.data() + i, hex.data() + i + 2, byte, 16);
+    if (ec != std::errc() || end != hex.data() + i + 2) return false;
+    bytes->push_back(byte);
+  }
+  return true;
+}
+
 std::string_view trimmed(std::string_view line) {
   const std::size_t first = line.find_first_not_of(" \t\r");
   if (first == std::string_view::npos) return {};
@@ -116,7 +129,7 @@ Board::Board(std::string root, BoardOptions options)
   const auto command = [this](const char* word, const char* usage, auto handler) {
     commands_.add(word, usage, [this, handler](std::span<const std::string_view> args) { return (this->*handler)(args); });
   };
-  command("uart", "uart N loopback|terminal|silent (N 1 to 12)", &Board::set_uart);
+  command("uart", "uart N loopback|terminal|silent, uart N send HEX (N 1 to 12)", &Board::set_uart);
   command("port", "port N loopback|terminal|silent (N 1 to 4 or 7), port 7 receiver", &Board::set_port);
   command("board", "board N silent|on (N 1 or 2)", &Board::set_board);
   command("env", "env silent|noise|on", &Board::set_environment);
@@ -338,12 +351,22 @@ void Board::take_control(double now) {
 
 std::string Board::set_uart(std::span<const std::string_view> args) {
   int number = 0;
-  if (args.size() != 2) return "needs a port and a mode";
+  const bool typed = args.size() == 3 && args[1] == "send";
+  if (args.size() != 2 && !typed) return "needs a port and a mode";
   if (!number_in(args[0], 1, kSerialPorts, &number)) {
     return "no port " + quoted_line(args[0]) + " (ports are 1 to " + std::to_string(kSerialPorts) + ")";
   }
-  if (number < kFirstChannelPort) return set_port_end(*uarts_[number - 1], args[1]);
+  std::vector<std::uint8_t> bytes;
+  if (typed && !hex_bytes(args[2], &bytes)) {
+    return "send needs 1 to " + std::to_string(kMaxTyped) + " bytes in hex digits, two a byte";
+  }
+  if (number < kFirstChannelPort) {
+    if (!typed) return set_port_end(*uarts_[number - 1], args[1]);
+    uarts_[number - 1]->send(bytes);  // as if the far end sent them, whatever it is
+    return "";
+  }
   const ChannelOf where = kChannels[number - kFirstChannelPort];
+  if (typed) return extensions_[where.board - 1]->send_from_end(where.channel, bytes);
   std::string terminal;
   const std::string error = extensions_[where.board - 1]->set_channel_end(where.channel, args[1], &terminal);
   if (error.empty() && !terminal.empty()) say("Local/Uart/" + std::to_string(number) + " terminal: " + terminal);

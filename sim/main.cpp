@@ -19,6 +19,7 @@
 #include "platform/sandbox_root.h"
 #include "sim/board.h"
 #include "sim/control_client.h"
+#include "sim/panel_command.h"
 #include "sim/sandbox.h"
 #include "sim/uci_file.h"
 #include "sim/web_pages.h"
@@ -42,6 +43,7 @@ constexpr char kUsage[] =
     "      hand control lines (such as \"uart 2 terminal\" or \"ai 3 2.5\") to the board up in\n"
     "      DIR and wait until it has taken them; exits 1 when one was rejected\n"
     "%s"
+    "%s"
     "  fsusim tool NAME ARG...\n"
     "      the simulator's side of a stand-in device tool (uci)\n"
     "  fsusim --version\n"
@@ -54,7 +56,7 @@ constexpr char kUsage[] =
     "  --ctl LINE     a control line applied as the board comes up (\"modem row 11\")\n";
 
 int usage(int code) {
-  std::fprintf(code == 0 ? stdout : stderr, kUsage, fsu::sim::kWebUsage);
+  std::fprintf(code == 0 ? stdout : stderr, kUsage, fsu::sim::kWebUsage, fsu::sim::kPanelUsage);
   return code;
 }
 
@@ -231,6 +233,7 @@ int command_run(int argc, char** argv) {
   const char* root_arg = nullptr;
   std::vector<std::string> commands;
   std::string error;
+  fsu::sim::PanelChoice panel;
   int i = 0;
   for (; i < argc; ++i) {
     const std::string_view arg = argv[i];
@@ -238,7 +241,8 @@ int command_run(int argc, char** argv) {
       ++i;
       break;
     }
-    if (board_option(argc, argv, &i, &root_arg, &commands, &error)) {
+    if (board_option(argc, argv, &i, &root_arg, &commands, &error) ||
+        fsu::sim::panel_option(argc, argv, &i, &panel, &error)) {
       if (!error.empty()) return bad_use("run: " + error);
       continue;
     }
@@ -264,7 +268,8 @@ int command_run(int argc, char** argv) {
     } else {
       std::fprintf(stderr, "fsusim: board up in %s (fsusim ctl --root %s LINE... changes it)\n", root.c_str(),
                    root.c_str());
-      code = run_command(root, argv + i);
+      const auto shown = panel.wanted ? fsu::sim::open_panel(panel, root, stderr, stderr) : nullptr;
+      code = panel.wanted && !shown ? 1 : run_command(root, argv + i);
       fsu::sim::remove_counter_segment(root);  // as `up` does when its board stops
     }
   }
@@ -403,5 +408,6 @@ int main(int argc, char** argv) {
   if (command == "ctl") return command_ctl(argc - 2, argv + 2);
   if (command == "web") return command_web(argc - 2, argv + 2);
   if (command == "tool") return command_tool(argc - 2, argv + 2);
-  return bad_use("unknown command " + std::string(command) + " (commands: run, up, ctl, web, tool)");
+  if (command == "panel") return fsu::sim::panel_command(std::span<char* const>(argv + 2, static_cast<std::size_t>(argc - 2)), stdout, stderr);
+  return bad_use("unknown command " + std::string(command) + " (commands: run, up, ctl, web, panel, tool)");
 }
