@@ -22,6 +22,7 @@
 #include "sim/panel_command.h"
 #include "sim/sandbox.h"
 #include "sim/uci_file.h"
+#include "sim/unit_status.h"
 #include "sim/web_pages.h"
 
 extern char** environ;
@@ -42,6 +43,9 @@ constexpr char kUsage[] =
     "  fsusim ctl --root DIR LINE...\n"
     "      hand control lines (such as \"uart 2 terminal\" or \"ai 3 2.5\") to the board up in\n"
     "      DIR and wait until it has taken them; exits 1 when one was rejected\n"
+    "  fsusim status --root DIR [--json]\n"
+    "      the state of the board up in DIR: its sim/state lines, or one JSON object keyed\n"
+    "      by their opening words (\"relay 2\", \"modem\", ...)\n"
     "%s"
     "%s"
     "  fsusim tool NAME ARG...\n"
@@ -378,6 +382,35 @@ int command_web(int argc, char** argv) {
                                stderr);
 }
 
+int command_status(int argc, char** argv) {
+  const char* root_arg = nullptr;
+  bool json = false;
+  for (int i = 0; i < argc; ++i) {
+    std::vector<std::string> unused;
+    std::string error;
+    if (std::string_view(argv[i]) == "--json") {
+      json = true;
+    } else if (!board_option(argc, argv, &i, &root_arg, &unused, &error) || !unused.empty() || !error.empty()) {
+      return bad_use("status: " + (error.empty() ? "unknown argument " + std::string(argv[i]) : error));
+    }
+  }
+  if (root_arg == nullptr) return bad_use("status: needs --root DIR");
+  std::string root;
+  if (!usable_root(root_arg, &root)) return 1;
+  const auto status = fsu::sim::read_unit_status(root);
+  if (fsu::sim::board_process(root) == 0 || !status) return failure("the simulated unit in " + root + " is not running");
+  if (json) {
+    std::printf("%s\n", fsu::sim::unit_status_json(*status).c_str());
+    return 0;
+  }
+  for (const fsu::sim::StatusLine& line : *status) {
+    std::string text = line.name;
+    for (const auto& [key, value] : line.fields) text += " " + key + "=" + value;
+    std::printf("%s\n", text.c_str());
+  }
+  return 0;
+}
+
 int command_tool(int argc, char** argv) {
   if (argc < 1) return bad_use("tool: needs the name of a stand-in tool");
   // The tools act on a sandbox only, never on the host's own files.
@@ -408,6 +441,7 @@ int main(int argc, char** argv) {
   if (command == "ctl") return command_ctl(argc - 2, argv + 2);
   if (command == "web") return command_web(argc - 2, argv + 2);
   if (command == "tool") return command_tool(argc - 2, argv + 2);
+  if (command == "status") return command_status(argc - 2, argv + 2);
   if (command == "panel") return fsu::sim::panel_command(std::span<char* const>(argv + 2, static_cast<std::size_t>(argc - 2)), stdout, stderr);
-  return bad_use("unknown command " + std::string(command) + " (commands: run, up, ctl, web, panel, tool)");
+  return bad_use("unknown command " + std::string(command) + " (commands: run, up, ctl, web, status, panel, tool)");
 }

@@ -67,6 +67,10 @@ TEST(Fsusim, RunPassesStatusStreamsAndEnvironmentKeepsAGivenRootRefusesBadUseAnd
   EXPECT_NE(up.output().find("fsusim: Local/Uart/2 terminal: /dev/pts/"), std::string::npos) << up.output();
   EXPECT_NE(box.read("/tmp/unit/sim/state").find("uart 3 device=/dev/ttymxc3 for=Local/Uart/3 mode=silent"), std::string::npos);
   EXPECT_EQ(box.read("/tmp/unit/sys/class/gpio/gpio8/value"), "0\n");
+  EXPECT_NE(capture(kFsusim + " status --root " + unit).find("\nuart 3 device=/dev/ttymxc3 for=Local/Uart/3 mode=silent "),
+            std::string::npos);
+  EXPECT_NE(capture(kFsusim + " status --json --root " + unit).find("\"uart 3\": {\"device\": \"/dev/ttymxc3\""),
+            std::string::npos);
   const key_t counters = platform::shared_memory_key_in(unit.c_str(), kCounterSegmentKey);
   ASSERT_GE(shmget(counters, 16, IPC_CREAT | 0600), 0);  // not the console's: no counters to show, but it goes too
   EXPECT_EQ(capture(kFsusim + " web --root " + unit + " counters 2>&1; echo $?"),
@@ -85,6 +89,8 @@ TEST(Fsusim, RunPassesStatusStreamsAndEnvironmentKeepsAGivenRootRefusesBadUseAnd
   ASSERT_EQ(kill(std::stoi(box.read("/tmp/unit/sim/board.pid")), SIGTERM), 0);
   EXPECT_EQ(up.wait_exit(5), 0);
   EXPECT_EQ(box.read("/tmp/unit/sim/state"), "board down\n");  // what a stopped board leaves: the board tests
+  EXPECT_EQ(capture(kFsusim + " status --root " + unit + " 2>&1; echo $?"),
+            "fsusim: the simulated unit in " + unit + " is not running\n1\n");
   EXPECT_LT(shmget(counters, 0, 0), 0);  // the console's counter segment goes with the board
   test::ConsoleDriver killed({kFsusim, "up", "--root", unit}, test::ConsoleDriver::Mode::kPipes);  // and when killed
   ASSERT_TRUE(killed.wait_for("(CTRL+C stops the board)", 5)) << killed.output();
