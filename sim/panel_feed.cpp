@@ -53,7 +53,11 @@ std::string panel_snapshot(const std::string& root) {
     if (auto text = file_tail(root + file, kPanelFileTail)) web.push_back({{"file", file}, {"text", *text}});
   }
   const auto log = file_tail(root + kSdkLog, kPanelLogTail);
-  json feed = {{"root", root}, {"web", web}, {"log", whole_lines(log.value_or(""), kPanelLogTail)}};
+  const auto calls = file_tail(root + "/sim/calls.log", kPanelFileTail);
+  json feed = {{"root", root},
+               {"web", web},
+               {"log", whole_lines(log.value_or(""), kPanelLogTail)},
+               {"calls", whole_lines(calls.value_or(""), kPanelFileTail)}};
   // The device's bytes may be anything: what is not UTF-8 shows as U+FFFD.
   std::string text = feed.dump(-1, ' ', false, json::error_handler_t::replace);
   const auto status = read_unit_status(root);

@@ -187,8 +187,6 @@ void Panel::Impl::routes() {
       answer = {{"ok", false}, {"errors", {error}}};
     }
     res.set_content(answer.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace), "application/json");
-    const std::lock_guard lock(mutex);  // the page sees the effect without waiting for the watcher
-    changed.notify_all();
   });
 }
 

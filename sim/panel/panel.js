@@ -209,10 +209,12 @@ function draw(feed) {
   drawSky(r);
   drawUarts(performance.now());
   $('web').replaceChildren(...(feed.web || []).map((file) => el('div', { class: 'webfile' }, el('b', { text: file.file }), el('pre', { text: file.text }))));
-  const log = $('log');
-  const atEnd = log.scrollTop + log.clientHeight >= log.scrollHeight - 4;
-  log.textContent = feed.log || '';
-  if (atEnd) log.scrollTop = log.scrollHeight;
+  for (const id of ['log', 'calls']) {  // kept at the end unless scrolled back
+    const tail = $(id);
+    const atEnd = tail.scrollTop + tail.clientHeight >= tail.scrollHeight - 4;
+    if (tail.textContent !== (feed[id] || '')) tail.textContent = feed[id] || '';
+    if (atEnd) tail.scrollTop = tail.scrollHeight;
+  }
   $('errors').replaceChildren(...(status.errors || []).map((e) => el('li', { text: `${e.line || ''}: ${e.why || ''}` })));
 }
 
