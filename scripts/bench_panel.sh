@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Figures of the front panel (fsusim panel), each over one minute (or $1 seconds):
 #  1. the simulator's CPU with an idle SDK application (bench/sdk_idle_cpu) on the board, without
-#     the panel and with it serving one page that follows its event stream;
+#     the panel and with it serving one page that follows its event stream, and the share of the
+#     panel's own threads (named panel-feed and panel-http) in it;
 #  2. how long a change the SDK makes takes to show on the page: the run LED, from the SDK's
 #     write of the GPIO value to the page's element changing in headless Chromium (median and
 #     worst of every turn of the LED in the time).
@@ -14,6 +15,15 @@ bench_build fsusim sdk_idle_cpu
 
 # CPU seconds (user + sys) of a process so far.
 cpu() { awk -v hz="$(getconf CLK_TCK)" '{ sub(/^.*\) /, ""); printf "%.2f", ($12 + $13) / hz }' "/proc/$1/stat"; }
+# CPU seconds of a process's threads whose name starts with "panel-".
+panel_cpu() {
+  local sum=0 task
+  for task in /proc/"$1"/task/*; do
+    [[ "$(cat "$task/comm" 2>/dev/null)" == panel-* ]] || continue
+    sum="$(awk -v s="$sum" -v hz="$(getconf CLK_TCK)" '{ sub(/^.*\) /, ""); printf "%.2f", s + ($12 + $13) / hz }' "$task/stat")"
+  done
+  echo "$sum"
+}
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 
@@ -31,14 +41,16 @@ idle_cpu() {  # label, fsusim options...
     follower=$!
     sleep 1
   fi
-  local s0 s1
-  s0="$(cpu "$simulator")"
+  local s0 s1 p0 p1
+  s0="$(cpu "$simulator")" p0="$(panel_cpu "$simulator")"
   sleep "$seconds"
-  s1="$(cpu "$simulator")"
+  s1="$(cpu "$simulator")" p1="$(panel_cpu "$simulator")"
   [ -z "$follower" ] || kill "$follower"
   wait "$simulator" || true
-  awk -v a="$s0" -v b="$s1" -v t="$seconds" -v l="$label" \
-    'BEGIN { printf "fsusim CPU, idle SDK, %s: %.2f s in %d s (%.2f%% of a core)\n", l, b - a, t, (b - a) * 100 / t }'
+  awk -v a="$s0" -v b="$s1" -v c="$p0" -v d="$p1" -v t="$seconds" -v l="$label" 'BEGIN {
+    printf "fsusim CPU, idle SDK, %s: %.2f s in %d s (%.2f%% of a core)", l, b - a, t, (b - a) * 100 / t
+    if (l == "panel") printf ", of it the panel threads %.2f s (%.2f%% of a core)", d - c, (d - c) * 100 / t
+    printf "\n" }'
 }
 idle_cpu no-panel
 idle_cpu panel --panel

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/inotify.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -201,6 +202,12 @@ bool Board::start(std::string* error) {
     if (!why.empty()) return fail(why);
   }
   if (pipe2(wake_, O_CLOEXEC) != 0) return fail(std::string("cannot make a pipe: ") + std::strerror(errno));
+  // The state shows an LED or 12 V line as soon as the SDK writes it, not at the next look.
+  gpio_watch_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  for (const GpioShown& gpio : kGpioShown) {
+    const std::string value = root_ + "/sys/class/gpio/gpio" + std::to_string(gpio.line) + "/value";
+    if (gpio_watch_ >= 0) inotify_add_watch(gpio_watch_, value.c_str(), IN_MODIFY | IN_CLOSE_WRITE);
+  }
   if (!replace_file(pid_file, std::to_string(getpid()) + "\n")) {
     return fail("cannot write " + pid_file + ": " + std::strerror(errno));
   }
@@ -281,9 +288,9 @@ void Board::close_ports() {
   receiver_ = nullptr;
   for (const auto& uart : uarts_) uart->close();
   uarts_.clear();
-  for (int& fd : wake_) {
-    if (fd >= 0) close(fd);
-    fd = -1;
+  for (int* fd : {&wake_[0], &wake_[1], &gpio_watch_}) {
+    if (*fd >= 0) close(*fd);
+    *fd = -1;
   }
 }
 
@@ -298,7 +305,7 @@ void Board::serve() {
   double next_control = 0;
   for (;;) {
     double now = platform::monotonic_seconds();
-    fds.assign(1, pollfd{wake_[0], POLLIN, 0});
+    fds.assign({pollfd{wake_[0], POLLIN, 0}, pollfd{gpio_watch_, POLLIN, 0}});
     double wake_at = next_control;
     for (std::size_t i = 0; i < uarts_.size(); ++i) {
       first_fd[i] = fds.size();
@@ -312,6 +319,10 @@ void Board::serve() {
     const int timeout = wake_at <= now ? 0 : static_cast<int>(std::ceil((wake_at - now) * 1000));
     poll(fds.data(), fds.size(), timeout);
     if (fds[0].revents != 0) return;
+    const bool gpio_written = fds[1].revents != 0;
+    char events[4096];
+    while (gpio_written && read(gpio_watch_, events, sizeof events) > 0) {
+    }
     now = platform::monotonic_seconds();
     // Only ports with input or bytes due: an idle board does next to nothing when it wakes.
     for (std::size_t i = 0; i < uarts_.size(); ++i) {
@@ -325,7 +336,7 @@ void Board::serve() {
       next_control = now + kControlPeriod;
       take_control(now);
     }
-    state_.update(now, false);
+    state_.update(now, gpio_written);
   }
 }
 

@@ -7,12 +7,14 @@
 
 #include <condition_variable>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 #include <thread>
 
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
+#include "platform/clock.h"
 #include "sim/control_client.h"
 #include "sim/panel_assets.h"
 #include "sim/panel_feed.h"
@@ -26,6 +28,8 @@ namespace {
 constexpr double kControlTimeout = 5.0;
 // Changes that come close together (a state rewrite and a log line) make one push.
 constexpr int kSettleMs = 20;
+// The longest a change of a log or a web file waits for others to join it.
+constexpr int kLazyMs = 300;
 // A look at the files even when no change was announced (a folder made after the start).
 constexpr int kRefreshMs = 2000;
 // An idle event stream sends a comment this often, so a dead browser is noticed.
@@ -117,7 +121,10 @@ bool Panel::start(std::string* error) {
   sigfillset(&all);
   pthread_sigmask(SIG_BLOCK, &all, &previous);
   p.watcher = std::thread([&p] { p.watch(); });
-  p.listener = std::thread([&p] { p.server.listen_after_bind(); });
+  p.listener = std::thread([&p] {
+    pthread_setname_np(pthread_self(), "panel-http");  // its workers take the name too
+    p.server.listen_after_bind();
+  });
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   return true;
 }
@@ -255,28 +262,52 @@ void Panel::Impl::refresh() {
   changed.notify_all();
 }
 
-// Rebuilds the snapshot when a file of the board's (sim/) or of the device's tmp/ changes.
+// Rebuilds the snapshot when a file of the board's (sim/) or of the device's tmp/ changes: at
+// once when the board rewrote its state, within kLazyMs for the logs and the web files, which
+// change many times a second while an application logs.
 void Panel::Impl::watch() {
+  pthread_setname_np(pthread_self(), "panel-feed");
   const int notify = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  int board_files = -1;
   const auto add_watches = [&] {
     if (notify < 0) return;
-    inotify_add_watch(notify, (root + "/sim").c_str(), IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_DELETE | IN_ONLYDIR);
+    board_files = inotify_add_watch(notify, (root + "/sim").c_str(),
+                                    IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_DELETE | IN_ONLYDIR);
     inotify_add_watch(notify, (root + "/tmp").c_str(),
                       IN_CLOSE_WRITE | IN_MODIFY | IN_MOVED_TO | IN_CREATE | IN_DELETE | IN_ONLYDIR);
   };
   add_watches();
   alignas(inotify_event) char events[4096];
+  // Takes the waiting events; true when one of them is a new state of the board.
   const auto drain = [&] {
-    while (notify >= 0 && read(notify, events, sizeof events) > 0) {
+    bool state = false;
+    for (ssize_t n; notify >= 0 && (n = read(notify, events, sizeof events)) > 0;) {
+      for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(inotify_event)) <= n;) {
+        inotify_event event;
+        std::memcpy(&event, events + at, sizeof event);
+        const std::size_t name_at = static_cast<std::size_t>(at) + sizeof event;
+        state = state || (event.wd == board_files && event.len > 0 &&
+                          std::strncmp(events + name_at, "state", event.len) == 0);
+        at += static_cast<ssize_t>(sizeof event + event.len);
+      }
     }
+    return state;
   };
   for (;;) {
     pollfd fds[2] = {{wake[0], POLLIN, 0}, {notify, POLLIN, 0}};
     const int ready = poll(fds, notify >= 0 ? 2 : 1, kRefreshMs);
     if (fds[0].revents != 0) break;
     if (ready > 0) {
-      drain();
-      if (poll(fds, 1, kSettleMs) > 0) break;
+      bool state = drain();
+      // Until the state comes, or the lazy wait is over.
+      const double until = platform::monotonic_seconds() + kLazyMs / 1000.0;
+      bool stopping_now = false;
+      for (double left; !state && !stopping_now && (left = until - platform::monotonic_seconds()) > 0;) {
+        if (poll(fds, 2, static_cast<int>(left * 1000) + 1) <= 0) continue;
+        stopping_now = fds[0].revents != 0;
+        state = !stopping_now && drain();
+      }
+      if (stopping_now || poll(fds, 1, kSettleMs) > 0) break;
       drain();
     } else {
       add_watches();  // the same watch again is no new one; a folder made since gets its own

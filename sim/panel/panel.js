@@ -208,7 +208,11 @@ function draw(feed) {
     ['time offset', r.time_offset && r.time_offset + ' s'], ['batches', r.batches]]);
   drawSky(r);
   drawUarts(performance.now());
-  $('web').replaceChildren(...(feed.web || []).map((file) => el('div', { class: 'webfile' }, el('b', { text: file.file }), el('pre', { text: file.text }))));
+  const files = JSON.stringify(feed.web || []);
+  if ($('web').dataset.drawn !== files) {
+    $('web').dataset.drawn = files;
+    $('web').replaceChildren(...(feed.web || []).map((file) => el('div', { class: 'webfile' }, el('b', { text: file.file }), el('pre', { text: file.text }))));
+  }
   for (const id of ['log', 'calls']) {  // kept at the end unless scrolled back
     const tail = $(id);
     const atEnd = tail.scrollTop + tail.clientHeight >= tail.scrollHeight - 4;
@@ -221,6 +225,8 @@ function draw(feed) {
 // Satellites in view per constellation with their signal bars (CN0 in dB-Hz); 0 is seen, not used.
 function drawSky(r) {
   const sky = $('sky');
+  if (sky.dataset.drawn === `${r.gps}/${r.bd}`) return;
+  sky.dataset.drawn = `${r.gps}/${r.bd}`;
   sky.replaceChildren();
   for (const system of ['gps', 'bd']) {
     const list = (r[system] || '').split(',').filter(Boolean).map((entry) => entry.split(':').map(Number));
