@@ -148,6 +148,8 @@ function drawUarts(now) {
     }
     $(`${id}-for`).textContent = s.for || '';
     $(`${id}-mode`).textContent = (s.mode || '') + (s.terminal ? ' ' + s.terminal : '');
+    const end = $(`${id}-end`);
+    if (end && document.activeElement !== end && s.mode) end.value = s.mode;
     $(`${id}-line`).textContent = `${s.speed || ''} ${s.format || ''}${Number(s.dropped) ? ' dropped ' + s.dropped : ''}`;
     $(`${id}-sent`).textContent = bytesShown(s.recent_from_sdk);
     $(`${id}-got`).textContent = bytesShown(s.recent_to_sdk);
