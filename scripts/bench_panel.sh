@@ -56,7 +56,7 @@ idle_cpu no-panel
 idle_cpu panel --panel
 
 /usr/bin/python3 - "$build/fsusim" "$build/bench/sdk_idle_cpu" "$seconds" "$work/latency" <<'PY'
-import re, statistics, subprocess, sys, threading, time
+import shutil, statistics, sys, threading, time
 sys.path.insert(0, "tests/sim")
 import panel_browser_test as page
 
@@ -91,6 +91,7 @@ try:
 finally:
     driver.quit()
     unit.stop()
+    shutil.rmtree(profile, ignore_errors=True)
 delays = []
 for at, state in writes[1:]:
     later = [t for t, s in shown if s == state and t >= at - 5]
