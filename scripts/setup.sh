@@ -17,10 +17,13 @@ have_pkg libgtest-dev || need+=(libgtest-dev)
 have_pkg libbenchmark-dev || need+=(libbenchmark-dev)
 have_pkg nlohmann-json3-dev || need+=(nlohmann-json3-dev)  # tests and fuzz targets parse the SDK's JSON
 have_pkg libyaml-cpp-dev || need+=(libyaml-cpp-dev)  # fsusim reads scenario files with it
+have_pkg libcpp-httplib-dev || need+=(libcpp-httplib-dev)  # fsusim's front panel serves HTTP
+have_cmd pkg-config || need+=(pkg-config)
 extras=()
+browser=()
 for extra in "$@"; do
   case $extra in
-    werror) ;;
+    werror) browser=(chromium chromium-driver python3-selenium) ;;  # the panel's browser tests
     asan | tsan | fuzz) extras+=(clang libclang-rt-dev llvm) ;;  # llvm: llvm-symbolizer
     coverage) extras+=(gcovr) ;;
     armhf) extras+=(g++-arm-linux-gnueabihf qemu-user) ;;
@@ -39,4 +42,15 @@ if [ ${#need[@]} -gt 0 ]; then
   [ "$(id -u)" -eq 0 ] || SUDO="sudo"
   $SUDO apt-get update -qq
   DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${need[@]}"
+fi
+
+# Without a browser everything else still builds and runs; the browser tests then fail, saying why.
+missing=()
+for package in "${browser[@]}"; do have_pkg "$package" || missing+=("$package"); done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "setup: installing ${missing[*]}"
+  SUDO=""
+  [ "$(id -u)" -eq 0 ] || SUDO="sudo"
+  { $SUDO apt-get update -qq && DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends \
+      "${missing[@]}"; } || echo "setup: cannot install ${missing[*]}: the panel's browser tests will fail"
 fi

@@ -3,7 +3,8 @@
 #   bash scripts/test.sh               every stage, in the order below
 #   bash scripts/test.sh asan tsan     the named stages only
 # Stages, each in a build folder of its own:
-#   werror    gcc, warnings as errors, the whole suite, then the build    build-ci/
+#   werror    gcc, warnings as errors, the whole suite with the front      build-ci/
+#             panel's browser tests (headless Chromium), then the build
 #             installed and used by C programs (scripts/check_install.sh),
 #             and its Debian packages installed and used (scripts/packages.sh)
 #   container the unit's image from build-ci's Debian packages, three units of it
@@ -56,7 +57,7 @@ sanitized_suite() {  # address|thread, build folder
   ASAN_OPTIONS=halt_on_error=1:detect_leaks=1:log_path=$reports/asan \
     UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1:log_path=$reports/ubsan \
     TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:log_path=$reports/tsan \
-    "${run[@]}" ctest --test-dir "$dir" -j2 --output-on-failure --no-tests=error --timeout 300 || rc=1
+    "${run[@]}" ctest --test-dir "$dir" -j2 --output-on-failure --no-tests=error --timeout 300 -LE browser || rc=1
   local files=("$reports"/*)
   if [ -e "${files[0]}" ]; then
     echo "${#files[@]} sanitizer report(s) in $reports; the first ones:"
@@ -91,7 +92,7 @@ stage_coverage() {
     -DCMAKE_CXX_COMPILER=g++ -DFSU_COVERAGE=ON -DFSU_BUILD_BENCH=OFF >/dev/null &&
     cmake --build build-cov -j2 || return 1
   find build-cov -name '*.gcda' -delete
-  suite build-cov || return 1
+  suite build-cov -LE browser || return 1
   # gcovr may hang on a report it cannot parse instead of exiting: bounded, so the stage fails.
   timeout 600 gcovr --root . --object-directory build-cov -j 2 --exclude '(tests|fuzz|bench|examples)/' \
     --json-summary build-cov/coverage.json &&

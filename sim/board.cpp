@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/inotify.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -96,6 +97,19 @@ bool number_in(std::string_view word, int lo, int hi, int* out) {
   return ec == std::errc() && end == word.data() + word.size() && *out >= lo && *out <= hi;
 }
 
+// Bytes written as hex digits, two a byte, 1 to kMaxTyped of them.
+constexpr std::size_t kMaxTyped = 1024;
+bool hex_bytes(std::string_view hex, std::vector<std::uint8_t>* bytes) {
+  if (hex.empty() || hex.size() % 2 != 0 || hex.size() > 2 * kMaxTyped) return false;
+  for (std::size_t i = 0; i < hex.size(); i += 2) {
+    std::uint8_t byte = 0;
+    const auto [end, ec] = std::from_chars(hex.data() + i, hex.data() + i + 2, byte, 16);
+    if (ec != std::errc() || end != hex.data() + i + 2) return false;
+    bytes->push_back(byte);
+  }
+  return true;
+}
+
 std::string_view trimmed(std::string_view line) {
   const std::size_t first = line.find_first_not_of(" \t\r");
   if (first == std::string_view::npos) return {};
@@ -117,7 +131,7 @@ Board::Board(std::string root, BoardOptions options)
   const auto command = [this](const char* word, const char* usage, auto handler) {
     commands_.add(word, usage, [this, handler](std::span<const std::string_view> args) { return (this->*handler)(args); });
   };
-  command("uart", "uart N loopback|terminal|silent (N 1 to 12)", &Board::set_uart);
+  command("uart", "uart N loopback|terminal|silent, uart N send HEX (N 1 to 12)", &Board::set_uart);
   command("port", "port N loopback|terminal|silent (N 1 to 4 or 7), port 7 receiver", &Board::set_port);
   command("board", "board N silent|on (N 1 or 2)", &Board::set_board);
   command("env", "env silent|noise|on", &Board::set_environment);
@@ -196,6 +210,12 @@ bool Board::start(std::string* error) {
     if (!why.empty()) return fail(why);
   }
   if (pipe2(wake_, O_CLOEXEC) != 0) return fail(std::string("cannot make a pipe: ") + std::strerror(errno));
+  // The state shows an LED or 12 V line as soon as the SDK writes it, not at the next look.
+  gpio_watch_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  for (const GpioShown& gpio : kGpioShown) {
+    const std::string value = root_ + "/sys/class/gpio/gpio" + std::to_string(gpio.line) + "/value";
+    if (gpio_watch_ >= 0) inotify_add_watch(gpio_watch_, value.c_str(), IN_MODIFY | IN_CLOSE_WRITE);
+  }
   if (!replace_file(pid_file, std::to_string(getpid()) + "\n")) {
     return fail("cannot write " + pid_file + ": " + std::strerror(errno));
   }
@@ -278,9 +298,9 @@ void Board::close_ports() {
   receiver_ = nullptr;
   for (const auto& uart : uarts_) uart->close();
   uarts_.clear();
-  for (int& fd : wake_) {
-    if (fd >= 0) close(fd);
-    fd = -1;
+  for (int* fd : {&wake_[0], &wake_[1], &gpio_watch_}) {
+    if (*fd >= 0) close(*fd);
+    *fd = -1;
   }
 }
 
@@ -295,7 +315,7 @@ void Board::serve() {
   double next_control = 0;
   for (;;) {
     double now = platform::monotonic_seconds();
-    fds.assign(1, pollfd{wake_[0], POLLIN, 0});
+    fds.assign({pollfd{wake_[0], POLLIN, 0}, pollfd{gpio_watch_, POLLIN, 0}});
     double wake_at = next_control;
     for (std::size_t i = 0; i < uarts_.size(); ++i) {
       first_fd[i] = fds.size();
@@ -309,6 +329,10 @@ void Board::serve() {
     const int timeout = wake_at <= now ? 0 : static_cast<int>(std::ceil((wake_at - now) * 1000));
     poll(fds.data(), fds.size(), timeout);
     if (fds[0].revents != 0) return;
+    const bool gpio_written = fds[1].revents != 0;
+    char events[4096];
+    while (gpio_written && read(gpio_watch_, events, sizeof events) > 0) {
+    }
     now = platform::monotonic_seconds();
     // Only ports with input or bytes due: an idle board does next to nothing when it wakes.
     for (std::size_t i = 0; i < uarts_.size(); ++i) {
@@ -322,7 +346,7 @@ void Board::serve() {
       next_control = now + kControlPeriod;
       take_control(now);
     }
-    state_.update(now, false);
+    state_.update(now, gpio_written);
   }
 }
 
@@ -348,12 +372,22 @@ void Board::take_control(double now) {
 
 std::string Board::set_uart(std::span<const std::string_view> args) {
   int number = 0;
-  if (args.size() != 2) return "needs a port and a mode";
+  const bool typed = args.size() == 3 && args[1] == "send";
+  if (args.size() != 2 && !typed) return "needs a port and a mode";
   if (!number_in(args[0], 1, kSerialPorts, &number)) {
     return "no port " + quoted_line(args[0]) + " (ports are 1 to " + std::to_string(kSerialPorts) + ")";
   }
-  if (number < kFirstChannelPort) return set_port_end(*uarts_[number - 1], args[1]);
+  std::vector<std::uint8_t> bytes;
+  if (typed && !hex_bytes(args[2], &bytes)) {
+    return "send needs 1 to " + std::to_string(kMaxTyped) + " bytes in hex digits, two a byte";
+  }
+  if (number < kFirstChannelPort) {
+    if (!typed) return set_port_end(*uarts_[number - 1], args[1]);
+    uarts_[number - 1]->send(bytes);  // as if the far end sent them, whatever it is
+    return "";
+  }
   const ChannelOf where = kChannels[number - kFirstChannelPort];
+  if (typed) return extensions_[where.board - 1]->send_from_end(where.channel, bytes);
   std::string terminal;
   const std::string error = extensions_[where.board - 1]->set_channel_end(where.channel, args[1], &terminal);
   if (error.empty() && !terminal.empty()) say("Local/Uart/" + std::to_string(number) + " terminal: " + terminal);

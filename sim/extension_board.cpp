@@ -255,6 +255,13 @@ void ExtensionBoard::set_silent(bool silent) {
   silent_ = silent;
 }
 
+std::string ExtensionBoard::send_from_end(int index, std::span<const std::uint8_t> bytes) {
+  if (index < 0 || index >= kSerialChannels) return "no channel " + std::to_string(index);
+  Channel& channel = channels_[index];
+  channel.dropped += bytes.size() - channel.from_end.push(bytes);
+  return "";
+}
+
 std::string ExtensionBoard::set_channel_end(int index, std::string_view end, std::string* terminal) {
   if (index < 0 || index >= kSerialChannels) return "no channel " + std::to_string(index);
   Channel& channel = channels_[index];

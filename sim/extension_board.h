@@ -62,6 +62,9 @@ class ExtensionBoard : public LineDevice {
   // or why not. A new terminal's path goes to `terminal`. What the previous far end still had
   // to send is dropped.
   std::string set_channel_end(int channel, std::string_view end, std::string* terminal);
+  // Bytes that the channel's far end sends, whatever it is (a person typing at the panel);
+  // what does not fit is dropped and counted.
+  std::string send_from_end(int channel, std::span<const std::uint8_t> bytes);
   // Board 2's relays 1 to 4.
   bool relay(int output) const;
 

@@ -20,6 +20,7 @@
 #include "sim/board.h"
 #include "sim/cli_commands.h"
 #include "sim/control_client.h"
+#include "sim/panel_command.h"
 #include "sim/sandbox.h"
 #include "sim/scenario/test_command.h"
 #include "sim/uci_file.h"
@@ -62,7 +63,7 @@ constexpr char kUsage[] =
     "  --ctl LINE     a control line applied as the board comes up (\"modem row 11\")\n";
 
 int usage(int code) {
-  std::fprintf(code == 0 ? stdout : stderr, kUsage, fsu::sim::kWebUsage, fsu::sim::kCliUsage,
+  std::fprintf(code == 0 ? stdout : stderr, kUsage, fsu::sim::kWebUsage, fsu::sim::kPanelUsage, fsu::sim::kCliUsage,
                fsu::sim::scenario::kTestUsage);
   return code;
 }
@@ -240,6 +241,7 @@ int command_run(int argc, char** argv) {
   const char* root_arg = nullptr;
   std::vector<std::string> commands;
   std::string error;
+  fsu::sim::PanelChoice panel;
   int i = 0;
   for (; i < argc; ++i) {
     const std::string_view arg = argv[i];
@@ -247,7 +249,8 @@ int command_run(int argc, char** argv) {
       ++i;
       break;
     }
-    if (board_option(argc, argv, &i, &root_arg, &commands, &error)) {
+    if (board_option(argc, argv, &i, &root_arg, &commands, &error) ||
+        fsu::sim::panel_option(argc, argv, &i, &panel, &error)) {
       if (!error.empty()) return bad_use("run: " + error);
       continue;
     }
@@ -273,7 +276,8 @@ int command_run(int argc, char** argv) {
     } else {
       std::fprintf(stderr, "fsusim: board up in %s (fsusim ctl --root %s LINE... changes it)\n", root.c_str(),
                    root.c_str());
-      code = run_command(root, argv + i);
+      const auto shown = panel.wanted ? fsu::sim::open_panel(panel, root, stderr, stderr) : nullptr;
+      code = panel.wanted && !shown ? 1 : run_command(root, argv + i);
       fsu::sim::remove_counter_segment(root);  // as `up` does when its board stops
     }
   }
@@ -450,7 +454,9 @@ int main(int argc, char** argv) {
   if (command == "ls") return fsu::sim::command_ls(argc - 2, argv + 2);
   if (command == "term") return fsu::sim::command_term(argc - 2, argv + 2);
   if (command == "clean") return fsu::sim::command_clean(argc - 2, argv + 2);
+  if (command == "panel")
+    return fsu::sim::panel_command(std::span<char* const>(argv + 2, static_cast<std::size_t>(argc - 2)), stdout, stderr);
   if (command == "test") return fsu::sim::scenario::test_command(argc - 2, argv + 2);
   return bad_use("unknown command " + std::string(command) +
-                 " (commands: run, up, ctl, web, status, ls, term, clean, test, tool)");
+                 " (commands: run, up, ctl, web, status, panel, ls, term, clean, test, tool)");
 }

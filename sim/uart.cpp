@@ -91,6 +91,7 @@ void Uart::take_from_sdk() {
   const auto got = static_cast<std::size_t>(n);
   in_credit_ -= static_cast<double>(got);
   from_sdk_ += got;
+  recent_from_sdk_.add({buf, got});
   input_pending_ = got == want;
   if (device_) device_->receive({buf, got}, *this);
 }
@@ -106,6 +107,7 @@ void Uart::give_to_sdk() {
       return;
     }
     const auto put = static_cast<std::size_t>(n);
+    recent_to_sdk_.add(run.first(put));
     queue_.pop(put);
     out_credit_ -= static_cast<double>(put);
     to_sdk_ += put;
@@ -142,7 +144,28 @@ void Uart::describe(std::string_view name, std::string& out) const {
   const LineSettings line = pty_.settings();
   out += " speed=" + std::to_string(line.baud) + " format=" + line.format() +
          " from_sdk=" + std::to_string(from_sdk_) + " to_sdk=" + std::to_string(to_sdk_) +
-         " dropped=" + std::to_string(dropped_) + "\n";
+         " dropped=" + std::to_string(dropped_);
+  recent_from_sdk_.describe("recent_from_sdk", out);
+  recent_to_sdk_.describe("recent_to_sdk", out);
+  out += "\n";
+}
+
+void RecentBytes::add(std::span<const std::uint8_t> bytes) {
+  for (const std::uint8_t byte : bytes.last(std::min(bytes.size(), kKept))) {
+    bytes_[next_] = byte;
+    next_ = (next_ + 1) % kKept;
+  }
+  count_ = std::min(kKept, count_ + bytes.size());
+}
+
+void RecentBytes::describe(std::string_view name, std::string& out) const {
+  if (count_ == 0) return;
+  out += " " + std::string(name) + "=";
+  for (std::size_t i = 0; i < count_; ++i) {
+    const std::uint8_t byte = bytes_[(next_ + kKept - count_ + i) % kKept];
+    out += "0123456789ABCDEF"[byte >> 4];
+    out += "0123456789ABCDEF"[byte & 15];
+  }
 }
 
 }  // namespace fsu::sim

@@ -44,6 +44,20 @@ class LineDevice {
   virtual void describe(std::string& out) const { (void)out; }
 };
 
+// The last bytes that crossed a line one way, for people watching the traffic.
+class RecentBytes {
+ public:
+  static constexpr std::size_t kKept = 32;
+  void add(std::span<const std::uint8_t> bytes);
+  // " NAME=HEX" of the kept bytes, oldest first; nothing while none crossed.
+  void describe(std::string_view name, std::string& out) const;
+
+ private:
+  std::uint8_t bytes_[kKept] = {};
+  std::size_t next_ = 0;
+  std::size_t count_ = 0;
+};
+
 class Uart {
  public:
   // What a far end may have queued for the SDK; more is dropped and counted.
@@ -105,6 +119,8 @@ class Uart {
   std::uint64_t from_sdk_ = 0;
   std::uint64_t to_sdk_ = 0;
   std::uint64_t dropped_ = 0;
+  RecentBytes recent_from_sdk_;
+  RecentBytes recent_to_sdk_;
 };
 
 }  // namespace fsu::sim

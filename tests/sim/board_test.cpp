@@ -38,6 +38,11 @@ TEST(SerialPorts, LoopbackPlugSendsEveryByteBackAtTheLineRateAndSilentPortsNothi
     put(fd, "hello?");
     EXPECT_TRUE(state_shows(unit.box, prefix, "mode=silent speed=115200 format=8N1 from_sdk=6 to_sdk=0")) << port;
     EXPECT_EQ(take(fd, 1, 0.1), "") << port;
+    if (prefix[0] == 'u') {  // what a person types at the panel comes from the far end, whatever it is
+      EXPECT_TRUE(unit.control({"uart 3 send 6F6B0D0A"}).empty());
+      EXPECT_EQ(take(fd, 4, 2), "ok\r\n");
+      EXPECT_TRUE(state_shows(unit.box, prefix, "to_sdk=4 dropped=0 recent_from_sdk=68656C6C6F3F recent_to_sdk=6F6B0D0A"));
+    }
     close(fd);
   }
 }
@@ -57,23 +62,25 @@ TEST(Control, AppliesLinesInOrderAndReportsBadOnes) {
   for (const auto& [line, why] : std::vector<std::pair<std::string, std::string>>{
       {"frob 1", "\"frob 1\": unknown command (commands: uart, port, board, env, ai, di, modem, gps, reboot)"},
       {"uart 13 loopback", "no port 13 (ports are 1 to 12)"}, {"uart 2", "\"uart 2\": needs a port and a mode"},
-      {"uart 2 sideways", "no mode sideways; usage: uart N loopback|terminal|silent (N 1 to 12)"},
+      {"uart 2 sideways", "no mode sideways; usage: uart N loopback|terminal|silent, uart N send HEX (N 1 to 12)"},
       {"port 5 terminal", "port 5 leads to extension board 1"}, {"board 3 silent", "no board 3 (boards are 1 and 2)"},
       {"board 1 off", "no state off"}, {"ai 17 1", "no channel 17 (channels are 1 to 16)"},
       {"ai 1 5.2", "volts are 0 to 5.1197"}, {"ai 1 current 21", "milliamperes are 0 to 20.478"},
-      {"ai 1 1,5", "not a number: 1,5"}, {"di 0 open", "no input 0 (inputs are 1 to 16)"}}) {
+      {"ai 1 1,5", "not a number: 1,5"}, {"di 0 open", "no input 0 (inputs are 1 to 16)"},
+      {"uart 2 send 6F6", "send needs 1 to 1024 bytes in hex digits"}, {"uart 2 send 0x", "send needs"},
+      {"uart 2 send " + std::string(2050, '0'), "send needs"}}) {
     const std::vector<std::string> errors = unit.control({line});
     ASSERT_EQ(errors.size(), 1u) << line;
     EXPECT_NE(errors[0].find(why), std::string::npos) << errors[0];
   }
-  EXPECT_EQ(state_line(unit.box, "control "), "control applied=4 failed=12");
+  EXPECT_EQ(state_line(unit.box, "control "), "control applied=4 failed=15");
   EXPECT_NE(state_line(unit.box, "ai 1 ").find("volts=0.0000 milliamps=0.000 words=0000/0000"), std::string::npos);
   // A control file written anew (">" instead of ">>") is read from its start.
   unit.box.write("/sim/control", "uart 4 silent\n");
   EXPECT_TRUE(state_shows(unit.box, "uart 4 ", "mode=silent"));
   // Junk without line breaks is taken in bounded pieces and rejected.
   unit.box.write("/sim/control", std::string(10000, '\x01') + "\n");
-  EXPECT_TRUE(state_shows(unit.box, "control ", "failed=15"));
+  EXPECT_TRUE(state_shows(unit.box, "control ", "failed=18"));
   EXPECT_NE(unit.box.read("/sim/state").find(" \"" + std::string(80, '?') + "...\": unknown command"), std::string::npos);
   EXPECT_EQ(unit.control({"uart 1\nsilent"}), std::vector<std::string>{"a control line holds a line break"});
 }
@@ -257,6 +264,8 @@ TEST(ExtensionBoards, CarryChannelBytesBothWaysAtTheChannelRate) {
   EXPECT_GT(platform::monotonic_seconds() - start, 0.4);  // 480 bytes at 960 a second
   EXPECT_LT(frames, 48u);                                 // gathered, not a frame a byte
   EXPECT_TRUE(state_shows(unit.box, "uart 10 ", "from_sdk=13 to_sdk=480 dropped=0"));
+  EXPECT_TRUE(unit.control({"uart 10 send 6869"}).empty());
+  EXPECT_EQ(board2.data_of(0x52, 2), "hi");
   close(person);
 }
 
