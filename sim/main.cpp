@@ -51,6 +51,7 @@ constexpr char kUsage[] =
     "%s"
     "%s"
     "%s"
+    "%s"
     "  fsusim tool NAME ARG...\n"
     "      the simulator's side of a stand-in device tool (uci)\n"
     "  fsusim --version\n"
