@@ -82,6 +82,8 @@ function build() {
   $('modem-actions').append(el('label', {}, 'signal ', signal));
   for (const mode of ['fix', 'nofix', 'silent', 'noise']) $('receiver-actions').append(button(mode, 'ctl gps ' + mode, 'gps-' + mode));
   $('receiver-actions').append(button('on port 7', 'ctl port 7 receiver', 'gps-receiver'));
+  for (const [label, line] of [['cold start', 'gps cold'], ['$GN talker', 'gps talker gn'], ['$GP/$BD talkers', 'gps talker split'],
+    ['drop 1 byte in 50', 'gps drop 50'], ['no drops', 'gps drop 0']]) $('receiver-actions').append(button(label, 'ctl ' + line, 'gps-' + line.split(' ').slice(1).join('-')));
   const lat = el('input', { size: '9', id: 'gps-lat', placeholder: 'latitude' });
   const lon = el('input', { size: '9', id: 'gps-lon', placeholder: 'longitude' });
   $('receiver-actions').append(el('form', { id: 'gps-position' }, lat, lon, el('button', { text: 'set position' })));
@@ -207,7 +209,11 @@ function draw(feed) {
     ['link', link.state || 'down'], ['address', link.address], ['IMSI', m.imsi], ['IMEI', m.imei]]);
   const r = status.receiver || {};
   fields($('receiver'), [['output', r.output], ['tracks', r.constellations], ['position', r.latitude && `${r.latitude}, ${r.longitude}, ${r.altitude} m`],
-    ['time offset', r.time_offset && r.time_offset + ' s'], ['batches', r.batches]]);
+    ['time offset', r.time_offset && r.time_offset + ' s'], ['talker', r.talker], ['bytes dropped', r.drop && r.drop !== '0' ? `1 in ${r.drop}` : 'none'],
+    ['batches', r.batches]]);
+  const w = status.watchdog || {};
+  fields($('watchdog'), [['armed', w.armed], ['interval', w.interval && w.interval !== '-' ? w.interval + ' s' : '-'],
+    ['time left', w.left && w.left !== '-' ? w.left + ' s' : '-'], ['reboots asked', w.reboots]]);
   drawSky(r);
   drawUarts(performance.now());
   const files = JSON.stringify(feed.web || []);

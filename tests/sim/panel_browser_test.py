@@ -181,6 +181,11 @@ def check_modem_unplug(driver):
     wait_for("the link to go down", lambda: text_of(driver, "modem-link") == "down")
     wait_for("the modem off USB", lambda: text_of(driver, "modem-on-USB") == "no")
     assert "'modem unplug'" in text_of(driver, "ctl-line")
+    # The receiver's faults and the watchdog show as the board reports them.
+    driver.find_element(By.ID, "gps-talker-gn").click()
+    wait_for("the receiver's talker", lambda: text_of(driver, "receiver-talker") == "gn")
+    assert text_of(driver, "watchdog-armed") == "no" and text_of(driver, "watchdog-reboots-asked") == "0", \
+        (text_of(driver, "watchdog-armed"), text_of(driver, "watchdog-reboots-asked"))
 
 
 def check_typing(driver, unit):
