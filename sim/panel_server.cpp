@@ -206,27 +206,16 @@ nlohmann::json Panel::Impl::run(const PanelAction& action) {
     answer["errors"] = errors;
     return answer;
   }
-  std::vector<char*> args;
-  std::vector<std::string> words = action.words;
-  for (std::string& word : words) args.push_back(word.data());
-  char* out_text = nullptr;
-  char* err_text = nullptr;
-  std::size_t out_size = 0;
-  std::size_t err_size = 0;
-  FILE* out = open_memstream(&out_text, &out_size);
-  FILE* err = open_memstream(&err_text, &err_size);
+  std::string out;
+  std::string err;
   int status = 1;
-  if (out != nullptr && err != nullptr) {
+  {
     const std::lock_guard lock(web_mutex);
-    status = web_command(root, args, out, err);
+    status = web_command_texts(root, action.words, &out, &err);
   }
-  if (out != nullptr) std::fclose(out);
-  if (err != nullptr) std::fclose(err);
   answer["ok"] = status == 0;
-  answer["output"] = out_text != nullptr ? std::string(out_text, out_size) : "";
-  if (err_size > 0) answer["errors"] = {std::string(err_text, err_size)};
-  std::free(out_text);
-  std::free(err_text);
+  answer["output"] = out;
+  if (!err.empty()) answer["errors"] = {err};
   return answer;
 }
 

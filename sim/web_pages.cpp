@@ -241,4 +241,23 @@ int web_command(const std::string& root, std::span<char* const> args, std::FILE*
   return 0;
 }
 
+int web_command_texts(const std::string& root, std::vector<std::string> words, std::string* out, std::string* err) {
+  std::vector<char*> args;
+  for (std::string& word : words) args.push_back(word.data());
+  char* out_text = nullptr;
+  char* err_text = nullptr;
+  std::size_t out_size = 0;
+  std::size_t err_size = 0;
+  FILE* out_file = open_memstream(&out_text, &out_size);
+  FILE* err_file = open_memstream(&err_text, &err_size);
+  const int status = out_file != nullptr && err_file != nullptr ? web_command(root, args, out_file, err_file) : 1;
+  if (out_file != nullptr) std::fclose(out_file);
+  if (err_file != nullptr) std::fclose(err_file);
+  out->assign(out_text != nullptr ? out_text : "", out_text != nullptr ? out_size : 0);
+  err->assign(err_text != nullptr ? err_text : "", err_text != nullptr ? err_size : 0);
+  std::free(out_text);
+  std::free(err_text);
+  return status;
+}
+
 }  // namespace fsu::sim

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace fsu::sim {
 
@@ -30,6 +31,9 @@ void remove_counter_segment(const std::string& root);
 // `fsusim web` with its arguments (an action and the action's own); prints the answer on `out`
 // and problems on `err`. Returns the exit status: 0 answered, 1 no answer, 2 bad arguments.
 int web_command(const std::string& root, std::span<char* const> args, std::FILE* out, std::FILE* err);
+// The same with the answer and the problems gathered as texts, for the faces that show them
+// (the front panel, scenario steps).
+int web_command_texts(const std::string& root, std::vector<std::string> words, std::string* out, std::string* err);
 
 // The actions and their arguments, for the usage text.
 extern const char kWebUsage[];

@@ -373,22 +373,12 @@ bool Run::write_out(int fd, const std::string& bytes, double timeout, std::size_
 
 // Asks the console the last web request; false with the reason when it gives no answer.
 bool Run::ask_web(std::string* why) {
-  std::vector<char*> words;
-  for (std::string& word : web_words_) words.push_back(word.data());
-  char* out_text = nullptr;
-  char* err_text = nullptr;
-  std::size_t out_size = 0;
-  std::size_t err_size = 0;
-  FILE* out = open_memstream(&out_text, &out_size);
-  FILE* err = open_memstream(&err_text, &err_size);
-  const int code = out != nullptr && err != nullptr ? web_command(root_, words, out, err) : 1;
-  if (out != nullptr) std::fclose(out);
-  if (err != nullptr) std::fclose(err);
-  web_answer_ = code == 0 && out_text != nullptr ? std::string(out_text, out_size) : "";
-  *why = err_text != nullptr && err_size > 0 ? std::string(err_text, err_size) : "nothing";
+  std::string out;
+  std::string err;
+  const int code = web_command_texts(root_, web_words_, &out, &err);
+  web_answer_ = code == 0 ? out : "";
+  *why = err.empty() ? "nothing" : err;
   *why = quoted(why->substr(0, why->find('\n')), 200);
-  std::free(out_text);
-  std::free(err_text);
   return code == 0;
 }
 
