@@ -80,5 +80,10 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${FSU_DEB_RUNTIME}")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "The unit's test console benchkit and its one-shot command-line tools")
 set(CPACK_DEBIAN_SIM_PACKAGE_NAME fsusim)
 set(CPACK_DEBIAN_SIM_PACKAGE_DEPENDS "${FSU_DEB_RUNTIME}")
+# The simulator links Debian's cpp-httplib and yaml-cpp in a native build: dpkg-shlibdeps names
+# their packages (a cross build's simulator has neither).
+if(NOT CMAKE_CROSSCOMPILING)
+  set(CPACK_DEBIAN_SIM_PACKAGE_SHLIBDEPS ON)
+endif()
 set(CPACK_COMPONENT_SIM_DESCRIPTION "Simulator of the field supervision unit's board, for applications without hardware")
 include(CPack)

@@ -17,20 +17,26 @@ fail() { echo "container: $*" >&2; exit 1; }
 bash scripts/setup.sh container >/dev/null
 
 export CONTAINERS_CONF=$PWD/deploy/containers.conf
+[ -d "$build/packages" ] || bash scripts/packages.sh "$build"
+# Debian's packages that ours need (the simulator's HTTP and YAML libraries and theirs) go into
+# the base, which has no apt to fetch them; a base is kept per list.
+depends=$(for deb in "$build"/packages/{libfsusdk1,fsu-tools,fsusim}_*_amd64.deb; do dpkg-deb -f "$deb" Depends; done |
+  tr ',' '\n' | sed 's/([^)]*)//g; s/|.*//; s/ //g' | grep -v '^libfsusdk' | grep . | sort -u | paste -sd, -)
 cache=${XDG_CACHE_HOME:-$HOME/.cache}/fsusdk
-base=$cache/fsu-base-bookworm.tar
+base=$cache/fsu-base-bookworm-$(printf '%s' "$depends" | md5sum | cut -c1-12).tar
 mkdir -p "$cache"
+find "$cache" -name 'fsu-base-*' -mtime +7 -delete
 if [ -z "$(find "$base" -mtime -7 2>/dev/null)" ]; then
   echo "container: making the Debian base with mmdebstrap (a few minutes)"
-  mmdebstrap --quiet --format=tar --variant=essential --include=libstdc++6,hostname bookworm "$base.part" >/dev/null
+  mmdebstrap --quiet --format=tar --variant=essential --include="hostname,$depends" bookworm "$base.part" >/dev/null
   mv "$base.part" "$base"
 fi
-if ! podman image exists localhost/fsu-base:bookworm || [ "$base" -nt "$cache/.imported" ]; then
+if ! podman image exists localhost/fsu-base:bookworm || [ ! -e "$base.imported" ] || [ "$base" -nt "$base.imported" ]; then
   podman import -q "$base" localhost/fsu-base:bookworm >/dev/null
-  touch "$cache/.imported"
+  rm -f "$cache"/*.imported
+  touch "$base.imported"
 fi
 
-[ -d "$build/packages" ] || bash scripts/packages.sh "$build"
 context=$(mktemp -d "${TMPDIR:-/tmp}/fsu-image.XXXXXX")
 trap 'rm -rf "$context"' EXIT
 mkdir "$context/packages"

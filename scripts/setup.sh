@@ -12,6 +12,7 @@ have_cmd cmake || need+=(cmake)
 have_cmd ninja || need+=(ninja-build)
 have_cmd g++ || need+=(g++)
 have_cmd zip || need+=(zip)
+have_cmd dpkg-shlibdeps || need+=(dpkg-dev)  # the simulator package's dependencies
 have_pkg googletest || [ -f /usr/src/googletest/CMakeLists.txt ] || need+=(googletest)
 have_pkg libgtest-dev || need+=(libgtest-dev)
 have_pkg libbenchmark-dev || need+=(libbenchmark-dev)
