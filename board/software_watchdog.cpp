@@ -35,7 +35,7 @@ void* com_dog_thread(void*) {
 // such file.
 void show_state(std::uint32_t now) {
   if (!platform::in_sandbox()) return;
-  static std::string shown;
+  static std::string& shown = *new std::string;  // never destroyed: this thread outlives exit
   const bool armed = app___SOFTDOG.enable.load() == 1;
   const std::uint32_t interval = app___SOFTDOG.interval.load();
   const long long due = static_cast<long long>(app___SOFTDOG.last_feed.load()) + interval + 60;
