@@ -44,15 +44,17 @@ bool quiet() {
   return on;
 }
 
+// The library's own print to `stream`, or to the SDK log when the quiet switch is on.
+static int print_to(std::FILE* stream, const char* format, va_list args) {
+  if (!quiet()) return std::vfprintf(stream, format, args);
+  quiet_print(format, args);
+  return 0;
+}
+
 int sdk_printf(const char* format, ...) {
   va_list args;
   va_start(args, format);
-  int n = 0;
-  if (quiet()) {
-    quiet_print(format, args);
-  } else {
-    n = std::vprintf(format, args);
-  }
+  const int n = print_to(stdout, format, args);
   va_end(args);
   return n;
 }
@@ -62,12 +64,7 @@ int sdk_puts(const char* text) { return sdk_printf("%s\n", text); }
 int sdk_eprintf(const char* format, ...) {
   va_list args;
   va_start(args, format);
-  int n = 0;
-  if (quiet()) {
-    quiet_print(format, args);
-  } else {
-    n = std::vfprintf(stderr, format, args);
-  }
+  const int n = print_to(stderr, format, args);
   va_end(args);
   return n;
 }
