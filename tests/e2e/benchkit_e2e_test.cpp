@@ -98,9 +98,12 @@ TEST(BenchkitOnSimulator, APersonAtTheTerminalSwitchesTheLogAndTheTwelveVoltLine
   ASSERT_TRUE(items("1\r", 10, 20));
   EXPECT_EQ(count(box.calls(), "hwclock -r\n"), reads + 5);
   EXPECT_EQ(count(console.output(), "指令执行结果:"), 6) << console.output();
-  // Item 4 reports the link once a second for a quarter of an hour: CTRL+C leaves it and the console.
+  // Item 4 reports the link once a second for a quarter of an hour, and the modem's texts while it
+  // is up: CTRL+C leaves it and the console.
   console.send("4\r");
-  ASSERT_TRUE(console.wait_for_count("PPP0", 2 + count(console.output(), "PPP0"), 15)) << console.output();
+  ASSERT_TRUE(console.wait_for("PPP0拨号成功", 40)) << console.output();
+  ASSERT_TRUE(console.wait_for("模块动态信息:{\"CardStat\":\"1\"", 5) &&
+              console.output().find("模块静态信息:{\"TelcomCarrier\":\"CARRIER_MOBILE\"") != std::string::npos) << console.output();
   console.send("\x03");
   EXPECT_EQ(console.wait_exit(10), 128 + SIGINT);
 }

@@ -89,14 +89,15 @@ TEST(WebPagesOnSimulator, InputReadingsOfTheBoardsEachSecond) {
   TestSandbox box;
   ConsoleDriver console = benchkit(box, {}, nullptr, {"FSU_CLOCK_RATE=2"});
   ASSERT_TRUE(console.wait_for("输入测试项: ", 30)) << console.output();
-  ConsoleDriver(fsusim(box, "ctl", {"ai 3 2.5", "di 9 closed"}), ConsoleDriver::Mode::kPipes).wait_exit(10);
+  ConsoleDriver(fsusim(box, "ctl", {"ai 3 2.5", "di 1 closed", "di 9 closed"}), ConsoleDriver::Mode::kPipes).wait_exit(10);
   std::string aidi;
   EXPECT_TRUE(poll_until(10, [&] { return (aidi = page(box, {"read-aidi"})).find("AI 03 电压型(0-5V)In:2.5") != std::string::npos; }));
   EXPECT_TRUE(aidi.starts_with("AI 01 电压型(0-5V)In:0.0") && aidi.find("AI 16 ") != std::string::npos &&
+              aidi.find(";0:开路/断开 信号---- 1:短路/闭合 信号;\r\nDI1-08: 1 , 0 , 0 , 0 , 0 , 0 , 0 , 0 ,;DI9-16: 1 ,") != std::string::npos &&
               aidi.ends_with(";DI9-16: 1 , 0 , 0 , 0 , 0 , 0 , 0 , 0 ,")) << aidi;
   console.send("6\n");
   EXPECT_TRUE(console.wait_for("AI 03 电压型 采样值：2.50000", 10)) << console.output();
-  EXPECT_TRUE(console.wait_for(";\r\nDI(9-16):1;0;0;0;0;0;0;0;\r\n", 5)) << console.output();
+  EXPECT_TRUE(console.wait_for("DI(0-8) :1;0;0;0;0;0;0;0;\r\nDI(9-16):1;0;0;0;0;0;0;0;\r\n", 5)) << console.output();
 }
 
 TEST(WebPagesOnSimulator, WebModeCountsSwitchesOutputsPublishesTheModemAndDialsAgainWhenItIsBack) {

@@ -53,16 +53,19 @@ TEST(WebRequests, APassAnswersEveryRequestKeepsTheValuesOfMissingKeysAndTheSimRe
   box.write(kDtuComRequest, "info=");  // nothing to send: the port is only read
   web_request_pass(state);
   EXPECT_EQ(box.read(kDtuComLog), "41 42 ");
-  box.write(kDtuComRequest, "com=17\r\ninfo=" + std::string(1 << 20, '7') + "\r\nWaitSec=0");
+  // Numbers beyond an int hold at its ends.
+  box.write(kDtuComRequest, "com=99999999999\r\ninfo=" + std::string(1 << 20, '7') + "\r\nWaitSec=-99999999999");
   web_request_pass(state);
   EXPECT_FALSE(box.exists(kDtuComRequest) || box.exists(kDtuComLog));
-  EXPECT_TRUE(logged("]:监听串口2日志100000") && logged("]:串口17测试-1,(0,19200,8,1,0,"));
+  EXPECT_TRUE(logged("]:监听串口2日志100000") && logged("]:串口2147483647测试-1,(-2147483648,19200,8,1,0,"));
   for (std::uint32_t slot = 0; slot < 7; ++slot) serial::BSP_ComDestroy(slot);
   // The SIM report takes the first condition that holds.
   const struct { int siminfo, simstat, srvstat, srvdomain; const char* text; } rows[] = {
       {0, 0, 101, 1, "SIM网络检测中..."}, {1, 0, 101, 1, "卡状态无效,请重新插拔SIM卡"}, {1, 255, 1, 1, "卡不存在或需要PIN码,请重新插拔SIM卡"},
       {1, 1, 1, 1, "有限制服务,卡可能停机"}, {1, 1, 101, 0, "已注册1,归属地网络,SIM卡网络正常"}, {1, 1, 106, 0, "CREG其他状态"},
       {1, 1, 104, 0, "注册被拒绝,卡可能停机,请检查SIM卡是否正常"}, {1, 1, 199, 0, "CREG其他状态"}, {1, 1, 0, 1, "SIM卡无服务"},
+      {1, 1, 100, 1, "网络未注册,ME 当前未搜索要注册的运营商"}, {1, 1, 102, 1, "未注册,ME 正在搜索要注册的运营商"},
+      {1, 1, 103, 1, "注册被拒绝,卡可能停机,请检查SIM卡是否正常"}, {1, 1, 105, 0, "已注册，漫游网络,SIM卡网络正常"},
       {1, 1, 200, 1, "SIM卡正常"}, {1, 1, 200, 0, "卡无服务"}};
   char buf[kSimReportSize];
   for (const auto& r : rows) {
