@@ -75,6 +75,8 @@ TEST(ModemOnSimulator, BenchkitShowsTheSimThenTheLinkBothTextsAndTheNetLed) {
   ASSERT_TRUE(console.wait_for_count("输入测试项: ", ++prompts, 10));
   EXPECT_TRUE(has(console.output(), "SIM 卡状态: 正常\r\nSIM 卡ISMI号: 460001234567890\r\n模块IMEI: 866123456789012\r\n模块信号强度:-61\r\n"));
   EXPECT_TRUE(led(box, "state=dark"));
+  // That one request starts the dial, with no further item.
+  EXPECT_TRUE(poll_until(20, [&] { return has(box.calls(), "nohup lte.sh\n"); }));
   EXPECT_TRUE(poll_until(40, [&] {
     console.send("16\n");
     console.wait_for_count("输入测试项: ", ++prompts, 10);
