@@ -181,19 +181,19 @@ int command_record(int argc, char** argv) {
     std::string error;
     if (const char* dir = option_value(argc, argv, &i, "--root", &error)) {
       root_arg = dir;
-    } else if (const char* ou_arg = option_value(argc, argv, &i, "--out", &error)) {
-      out_path = ou_arg;
-    } else if (const char* po_arg = option_value(argc, argv, &i, "--port", &error)) {
-      const std::string name = port_argument(po_arg);
+    } else if (const char* path = option_value(argc, argv, &i, "--out", &error)) {
+      out_path = path;
+    } else if (const char* port = option_value(argc, argv, &i, "--port", &error)) {
+      const std::string name = port_argument(port);
       if (error.empty() && (name.empty() || name.starts_with("Local/Uart/") != (name.size() == 12 && name[11] <= '4'))) {
-        return bad_use(std::string("record: no port ") + po_arg + " to record (1 to 4, Local/Port/5 to Local/Port/7)");
+        return bad_use(std::string("record: no port ") + port + " to record (1 to 4, Local/Port/5 to Local/Port/7)");
       }
       ports.push_back(name);
-    } else if (const char* se_arg = option_value(argc, argv, &i, "--seconds", &error)) {
+    } else if (const char* secs = option_value(argc, argv, &i, "--seconds", &error)) {
       char* end = nullptr;
-      seconds = std::strtod(se_arg, &end);
-      if (error.empty() && (end == se_arg || *end != '\0' || !(seconds > 0 && seconds <= 86400))) {
-        return bad_use(std::string("record: --seconds ") + se_arg + " is not a time of 0 to 86400 s");
+      seconds = std::strtod(secs, &end);
+      if (error.empty() && (end == secs || *end != '\0' || !(seconds > 0 && seconds <= 86400))) {
+        return bad_use(std::string("record: --seconds ") + secs + " is not a time of 0 to 86400 s");
       }
     } else {
       return bad_use("record: unknown argument " + std::string(argv[i]));
@@ -207,8 +207,11 @@ int command_record(int argc, char** argv) {
 
   catch_stop_signals();
   if (!control(root, {"record on"})) return 1;
-  std::fprintf(stderr, "fsusim: recording the serial ports of %s (%s)\n", root.c_str(),
-               seconds > 0 ? (std::to_string(seconds) + " s").c_str() : "CTRL+C ends it");
+  if (seconds > 0) {
+    std::fprintf(stderr, "fsusim: recording the serial ports of %s for %g s\n", root.c_str(), seconds);
+  } else {
+    std::fprintf(stderr, "fsusim: recording the serial ports of %s (CTRL+C ends it)\n", root.c_str());
+  }
   sleep_until(seconds > 0 ? monotonic() + seconds : INFINITY);
   const bool stopped = control(root, {"record off"});
   std::string text, error;
@@ -244,16 +247,16 @@ int command_replay(int argc, char** argv) {
     std::string error;
     if (const char* dir = option_value(argc, argv, &i, "--root", &error)) {
       root_arg = dir;
-    } else if (const char* po_arg = option_value(argc, argv, &i, "--port", &error)) {
-      port_override = port_argument(po_arg);
+    } else if (const char* port = option_value(argc, argv, &i, "--port", &error)) {
+      port_override = port_argument(port);
       if (error.empty() && port_override.empty()) {
-        return bad_use(std::string("replay: no port ") + po_arg + " (1 to 12, Local/Port/5 to Local/Port/7)");
+        return bad_use(std::string("replay: no port ") + port + " (1 to 12, Local/Port/5 to Local/Port/7)");
       }
-    } else if (const char* sp_arg = option_value(argc, argv, &i, "--speed", &error)) {
+    } else if (const char* factor = option_value(argc, argv, &i, "--speed", &error)) {
       char* end = nullptr;
-      speed = std::strtod(sp_arg, &end);
-      if (error.empty() && (end == sp_arg || *end != '\0' || !(speed >= 0.01 && speed <= 10000))) {
-        return bad_use(std::string("replay: --speed ") + sp_arg + " is not a factor of 0.01 to 10000");
+      speed = std::strtod(factor, &end);
+      if (error.empty() && (end == factor || *end != '\0' || !(speed >= 0.01 && speed <= 10000))) {
+        return bad_use(std::string("replay: --speed ") + factor + " is not a factor of 0.01 to 10000");
       }
     } else if (std::string_view(argv[i]).starts_with("-") || file != nullptr) {
       return bad_use("replay: unknown argument " + std::string(argv[i]));
