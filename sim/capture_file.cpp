@@ -103,6 +103,18 @@ std::size_t read_time(std::string_view text, double* seconds) {
   return length;
 }
 
+// A piece of the file as it can stand in a message of one line: other bytes as \xNN.
+std::string shown(std::string_view piece) {
+  std::string text;
+  for (const char c : piece) {
+    const auto byte = static_cast<unsigned char>(c);
+    char escaped[8];
+    std::snprintf(escaped, sizeof escaped, byte >= 0x20 && byte < 0x7F ? "%c" : "\\x%02X", byte);
+    text += escaped;
+  }
+  return text;
+}
+
 int hex_digit(char c) {
   if (c >= '0' && c <= '9') return c - '0';
   if (c >= 'A' && c <= 'F') return c - 'A' + 10;
@@ -118,14 +130,7 @@ bool read_hex(Reader& in, std::vector<std::uint8_t>* bytes, std::string* error) 
     const int low = hex_digit(in.peek(1));
     const char after = in.peek(2);
     if (high < 0 || low < 0 || (after != ' ' && after != '\r' && after != '\n' && after != '\0')) {
-      std::string seen;
-      for (std::size_t i = 0; i < 3 && i < in.rest().size(); ++i) {
-        const auto c = static_cast<unsigned char>(in.rest()[i]);
-        char shown[8];
-        std::snprintf(shown, sizeof shown, c >= 0x20 && c < 0x7F ? "%c" : "\\x%02X", c);
-        seen += shown;
-      }
-      return fail(error, line, "'" + seen + "' is not a byte in hex followed by a blank");
+      return fail(error, line, "'" + shown(in.rest().substr(0, 3)) + "' is not a byte in hex followed by a blank");
     }
     bytes->push_back(static_cast<std::uint8_t>(high * 16 + low));
     in.advance(after == ' ' ? 3 : 2);
@@ -153,7 +158,7 @@ bool parse_hex_log(std::string_view text, Capture* capture, std::string* error) 
     if (close == std::string_view::npos) return fail(error, line, "record header cut short in its port name");
     const std::string port(rest.substr(0, close));
     if (!known_capture_port(port)) {
-      return fail(error, line, "unknown port '" + std::string(rest.substr(0, std::min<std::size_t>(close, 24))) +
+      return fail(error, line, "unknown port '" + shown(rest.substr(0, std::min<std::size_t>(close, 24))) +
                                    "' (Local/Uart/1 to Local/Uart/12, Local/Port/5 to Local/Port/7)");
     }
     in.advance(close + 1);
