@@ -189,7 +189,7 @@ TEST(Fsusim, ARecordedRunReplayedIntoAFreshUnitGivesTheSameBytesAndABadCapturePl
   };
   test::ConsoleDriver up1({kFsusim, "up", "--root", first}, test::ConsoleDriver::Mode::kPipes);
   ASSERT_TRUE(up1.wait_for("(CTRL+C stops the board)", 5)) << up1.output();
-  test::ConsoleDriver record({kFsusim, "record", "--root", first, "--port", "1", "--seconds", "1.5", "--out", saved},
+  test::ConsoleDriver record({kFsusim, "record", "--root", first, "--port", "1", "--seconds", "2.5", "--out", saved},
                              test::ConsoleDriver::Mode::kPipes);
   ASSERT_TRUE(poll_until(5, [&] { return box.exists("/tmp/first/sim/record.log"); }));
   int port = open_port(first + "/dev/ttymxc1", B115200);
