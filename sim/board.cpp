@@ -132,7 +132,8 @@ Board::Board(std::string root, BoardOptions options)
     commands_.add(word, usage, [this, handler](std::span<const std::string_view> args) { return (this->*handler)(args); });
   };
   command("uart", "uart N loopback|terminal|silent, uart N send HEX (N 1 to 12)", &Board::set_uart);
-  command("port", "port N loopback|terminal|silent (N 1 to 4 or 7), port 7 receiver", &Board::set_port);
+  command("port", "port N loopback|terminal|silent (N 1 to 4 or 7), port 7 receiver, port N send HEX (N 1 to 7)",
+          &Board::set_port);
   command("board", "board N silent|on (N 1 or 2)", &Board::set_board);
   command("env", "env silent|noise|on", &Board::set_environment);
   command("ai", "ai N [voltage] VOLTS | ai N current MILLIAMPS (N 1 to 16)", &Board::set_analogue);
@@ -147,6 +148,7 @@ Board::Board(std::string root, BoardOptions options)
     ++reboots_;
     return std::string();
   });
+  command("record", "record on|off", &Board::set_recording);
   state_.add_section([this](std::string& out) { describe_board(out); });
   state_.add_section([this](std::string& out) { describe_serial(out); });
   state_.add_section([this](std::string& out) { describe_extensions(out); });
@@ -202,6 +204,7 @@ bool Board::start(std::string* error) {
       receiver_ = receiver.get();
       uart->attach(std::move(receiver));
     }
+    uart->set_tap(&tap_);
     uarts_.push_back(std::move(uart));
   }
   modem_ = std::make_unique<Modem>(root_, [this](const std::string& message) { say(message); });
@@ -281,6 +284,7 @@ void Board::stop() {
   while (write(wake_[1], &stop, 1) < 0 && errno == EINTR) {
   }
   thread_.join();
+  tap_.stop();
   close_ports();
   state_.write("board down\n");
   unlink((root_ + "/sim/board.pid").c_str());
@@ -345,6 +349,7 @@ void Board::serve() {
     if (now >= next_control) {
       next_control = now + kControlPeriod;
       take_control(now);
+      tap_.close_due(now);
     }
     state_.update(now, gpio_written);
   }
@@ -396,9 +401,16 @@ std::string Board::set_uart(std::span<const std::string_view> args) {
 
 std::string Board::set_port(std::span<const std::string_view> args) {
   int number = 0;
-  if (args.size() != 2) return "needs a port and a mode";
+  const bool typed = args.size() == 3 && args[1] == "send";
+  if (args.size() != 2 && !typed) return "needs a port and a mode";
   if (!number_in(args[0], 1, kMainPorts, &number)) {
     return "no port " + quoted_line(args[0]) + " (ports are 1 to " + std::to_string(kMainPorts) + ")";
+  }
+  if (typed) {  // as if the far end sent them: a replayed capture on a link port or the receiver's
+    std::vector<std::uint8_t> bytes;
+    if (!hex_bytes(args[2], &bytes)) return "send needs 1 to " + std::to_string(kMaxTyped) + " bytes in hex digits, two a byte";
+    uarts_[number - 1]->send(bytes);
+    return "";
   }
   for (const int port : kExtensionPorts) {
     if (number == port) return "port " + std::to_string(port) + " leads to extension board " + std::to_string(port - 4);
@@ -419,6 +431,17 @@ std::string Board::set_receiver_port(std::string_view mode) {
   }
   const std::string error = set_port_end(uart, mode);
   if (error.empty()) receiver_ = nullptr;
+  return error;
+}
+
+std::string Board::set_recording(std::span<const std::string_view> args) {
+  if (args.size() != 1 || (args[0] != "on" && args[0] != "off")) return "needs on or off";
+  if (args[0] == "off") {
+    tap_.stop();
+    return "";
+  }
+  std::string error;
+  tap_.start(root_ + "/sim/record.log", &error);
   return error;
 }
 

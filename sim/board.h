@@ -21,6 +21,7 @@
 #include "sim/modem.h"
 #include "sim/positioning_receiver.h"
 #include "sim/state_file.h"
+#include "sim/traffic_tap.h"
 #include "sim/uart.h"
 
 namespace fsu::sim {
@@ -64,6 +65,7 @@ class Board {
   std::string set_modem(std::span<const std::string_view> args);
   std::string set_receiver(std::span<const std::string_view> args);
   std::string set_receiver_port(std::string_view mode);
+  std::string set_recording(std::span<const std::string_view> args);
   void say(const std::string& message) const;
   void describe_board(std::string& out) const;
   void describe_serial(std::string& out) const;
@@ -82,6 +84,7 @@ class Board {
   ExtensionBoard* extensions_[2] = {nullptr, nullptr};  // the far ends of ports 5 and 6
   std::unique_ptr<Modem> modem_;
   PositioningReceiver* receiver_ = nullptr;  // the far end of port 7 while it is the receiver
+  TrafficTap tap_;  // the ports' traffic while `fsusim record` records it
   CommandTable commands_;
   ControlFile control_;
   StateFile state_;

@@ -21,6 +21,7 @@
 #include "sim/cli_commands.h"
 #include "sim/control_client.h"
 #include "sim/panel_command.h"
+#include "sim/replay_command.h"
 #include "sim/sandbox.h"
 #include "sim/scenario/test_command.h"
 #include "sim/uci_file.h"
@@ -52,6 +53,7 @@ constexpr char kUsage[] =
     "%s"
     "%s"
     "%s"
+    "%s"
     "  fsusim tool NAME ARG...\n"
     "      the simulator's side of a stand-in device tool (uci)\n"
     "  fsusim --version\n"
@@ -65,7 +67,7 @@ constexpr char kUsage[] =
 
 int usage(int code) {
   std::fprintf(code == 0 ? stdout : stderr, kUsage, fsu::sim::kWebUsage, fsu::sim::kPanelUsage, fsu::sim::kCliUsage,
-               fsu::sim::scenario::kTestUsage);
+               fsu::sim::scenario::kTestUsage, fsu::sim::kReplayUsage);
   return code;
 }
 
@@ -457,7 +459,9 @@ int main(int argc, char** argv) {
   if (command == "clean") return fsu::sim::command_clean(argc - 2, argv + 2);
   if (command == "panel")
     return fsu::sim::panel_command(std::span<char* const>(argv + 2, static_cast<std::size_t>(argc - 2)), stdout, stderr);
+  if (command == "record") return fsu::sim::command_record(argc - 2, argv + 2);
+  if (command == "replay") return fsu::sim::command_replay(argc - 2, argv + 2);
   if (command == "test") return fsu::sim::scenario::test_command(argc - 2, argv + 2);
   return bad_use("unknown command " + std::string(command) +
-                 " (commands: run, up, ctl, web, status, panel, ls, term, clean, test, tool)");
+                 " (commands: run, up, ctl, web, status, panel, ls, term, clean, test, record, replay, tool)");
 }

@@ -7,6 +7,8 @@
 #include <limits>
 #include <unistd.h>
 
+#include "sim/traffic_tap.h"
+
 namespace fsu::sim {
 namespace {
 
@@ -93,6 +95,7 @@ void Uart::take_from_sdk() {
   from_sdk_ += got;
   recent_from_sdk_.add({buf, got});
   input_pending_ = got == want;
+  if (tap_ != nullptr) tap_->add(number_, true, {buf, got}, last_);
   if (device_) device_->receive({buf, got}, *this);
 }
 
@@ -108,6 +111,7 @@ void Uart::give_to_sdk() {
     }
     const auto put = static_cast<std::size_t>(n);
     recent_to_sdk_.add(run.first(put));
+    if (tap_ != nullptr) tap_->add(number_, false, run.first(put), last_);
     queue_.pop(put);
     out_credit_ -= static_cast<double>(put);
     to_sdk_ += put;

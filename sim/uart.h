@@ -20,6 +20,7 @@
 
 namespace fsu::sim {
 
+class TrafficTap;
 class Uart;
 
 // The far end of a line. Everything is called from the simulator's one service thread.
@@ -95,6 +96,9 @@ class Uart {
   // Descriptors whose input should end the service loop's wait.
   void add_poll_fds(std::vector<pollfd>& fds) const;
 
+  // Everything that crosses the line from now on is also handed to `tap` (null: nothing).
+  void set_tap(TrafficTap* tap) { tap_ = tap; }
+
   int number() const { return number_; }
   const std::string& use() const { return use_; }
   // The port's line of the state file, opening with `name` ("uart 1", "port 5").
@@ -121,6 +125,7 @@ class Uart {
   std::uint64_t dropped_ = 0;
   RecentBytes recent_from_sdk_;
   RecentBytes recent_to_sdk_;
+  TrafficTap* tap_ = nullptr;
 };
 
 }  // namespace fsu::sim

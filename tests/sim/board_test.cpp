@@ -60,7 +60,7 @@ TEST(Control, AppliesLinesInOrderAndReportsBadOnes) {
   EXPECT_EQ(unit.box.read("/sim/control.done"), "6 " + std::to_string(unit.box.read("/sim/control").size()) + "\n");
 
   for (const auto& [line, why] : std::vector<std::pair<std::string, std::string>>{
-      {"frob 1", "\"frob 1\": unknown command (commands: uart, port, board, env, ai, di, modem, gps, reboot)"},
+      {"frob 1", "\"frob 1\": unknown command (commands: uart, port, board, env, ai, di, modem, gps, reboot, record)"},
       {"uart 13 loopback", "no port 13 (ports are 1 to 12)"}, {"uart 2", "\"uart 2\": needs a port and a mode"},
       {"uart 2 sideways", "no mode sideways; usage: uart N loopback|terminal|silent, uart N send HEX (N 1 to 12)"},
       {"port 5 terminal", "port 5 leads to extension board 1"}, {"board 3 silent", "no board 3 (boards are 1 and 2)"},

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <sys/shm.h>
 
+#include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <string>
 #include <vector>
@@ -85,7 +87,7 @@ TEST(Fsusim, RunPassesStatusStreamsAndEnvironmentKeepsAGivenRootRefusesBadUseAnd
   EXPECT_NE(box.read("/tmp/unit/sim/state").find("terminal=" + terminal.substr(23, terminal.size() - 24) + " "), std::string::npos);
   EXPECT_TRUE(up.wait_for("fsusim: Local/Uart/3 terminal: /dev/pts/", 2)) << up.output();
   EXPECT_EQ(capture(kFsusim + " ctl --root " + unit + " 'uart 1 silent' frob 2>&1; echo $?"),
-            "fsusim: \"frob\": unknown command (commands: uart, port, board, env, ai, di, modem, gps, reboot)\n1\n");
+            "fsusim: \"frob\": unknown command (commands: uart, port, board, env, ai, di, modem, gps, reboot, record)\n1\n");
   EXPECT_TRUE(up.wait_for("fsusim: control: \"frob\"", 2)) << up.output();
 
   ASSERT_EQ(kill(std::stoi(box.read("/tmp/unit/sim/board.pid")), SIGTERM), 0);
@@ -167,6 +169,81 @@ TEST(Fsusim, LsListsTheRunningUnitTermIsARawTerminalOnAPortAndCleanRemovesOnlyAS
   EXPECT_FALSE(box.exists("/tmp/unit"));
   EXPECT_TRUE(box.exists("/tmp/other/sim/state") && shmget(counters, 0, 0) < 0);
   EXPECT_EQ(capture(kFsusim + " ls"), "no simulated unit is running (fsusim up --root DIR starts one)\n");
+}
+
+// A run recorded on one unit and played into a fresh one gives the application the same bytes,
+// the far end normally there silent meanwhile. Capture files come from the field and are
+// hostile: one that does not parse plays nothing and names its line.
+TEST(Fsusim, ARecordedRunReplayedIntoAFreshUnitGivesTheSameBytesAndABadCapturePlaysNothing) {
+  test::TestSandbox box;
+  const std::string first = box.path("/tmp/first"), second = box.path("/tmp/second"), saved = box.path("/tmp/run.log");
+  const auto read_all = [](int port, const std::string& tail) {  // what the port gives until `tail`
+    std::string got;
+    poll_until(5, [&] {
+      char buf[512];
+      const ssize_t n = read(port, buf, sizeof buf);
+      if (n > 0) got.append(buf, static_cast<std::size_t>(n));
+      return got.ends_with(tail);
+    });
+    return got;
+  };
+  test::ConsoleDriver up1({kFsusim, "up", "--root", first}, test::ConsoleDriver::Mode::kPipes);
+  ASSERT_TRUE(up1.wait_for("(CTRL+C stops the board)", 5)) << up1.output();
+  test::ConsoleDriver record({kFsusim, "record", "--root", first, "--port", "1", "--seconds", "2.5", "--out", saved},
+                             test::ConsoleDriver::Mode::kPipes);
+  ASSERT_TRUE(poll_until(5, [&] { return box.exists("/tmp/first/sim/record.log"); }));
+  int port = open_port(first + "/dev/ttymxc1", B115200);
+  put(port, "ping");  // the loopback plug answers it
+  ASSERT_EQ(exit_code(kFsusim + " ctl --root " + first + " 'uart 1 send 4F4B0D0A'"), 0);
+  EXPECT_EQ(read_all(port, "OK\r\n"), "pingOK\r\n");
+  close(port);
+  EXPECT_EQ(record.wait_exit(5), 0) << record.output();
+  const std::string log = box.read("/tmp/run.log");
+  EXPECT_NE(log.find("]:[Local/Uart/1][00001]\r\nTX:70 69 6E 67 \r\nRX:70 69 6E 67 "), std::string::npos) << log;
+  EXPECT_EQ(log.find("Local/Port/7"), std::string::npos) << log;  // only the port asked for
+
+  test::ConsoleDriver up2({kFsusim, "up", "--root", second}, test::ConsoleDriver::Mode::kPipes);
+  ASSERT_TRUE(up2.wait_for("(CTRL+C stops the board)", 5)) << up2.output();
+  port = open_port(second + "/dev/ttymxc1", B115200);
+  test::ConsoleDriver replay({kFsusim, "replay", saved, "--root", second, "--speed", "2"}, test::ConsoleDriver::Mode::kPipes);
+  EXPECT_TRUE(poll_until(3, [&] { return box.read("/tmp/second/sim/state").find("for=Local/Uart/1 mode=silent") != std::string::npos; }));
+  put(port, "ping");  // heard by nobody: the loopback plug is out while the capture plays
+  EXPECT_EQ(read_all(port, "OK\r\n"), "pingOK\r\n");
+  EXPECT_EQ(replay.wait_exit(10), 0) << replay.output();
+  EXPECT_NE(box.read("/tmp/second/sim/state").find("for=Local/Uart/1 mode=loopback"), std::string::npos);
+  close(port);
+
+  // The receiver's sentences, a cycle a second: ten seconds of them in well under two.
+  std::string nmea;
+  for (int s = 0; s < 10; ++s) nmea += "$GNZDA,08271" + std::to_string(s) + ".00,16,11,2026,00,00*75\n$GPGSV,1,1,00*79\n";
+  box.write("/tmp/gps.txt", nmea);
+  const int receiver = open_port(second + "/dev/ttymxc7", B9600);
+  const auto started = std::chrono::steady_clock::now();
+  EXPECT_EQ(exit_code(kFsusim + " replay " + box.path("/tmp/gps.txt") + " --root " + second + " --speed 10"), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(3));
+  std::string sent = nmea;
+  for (std::size_t at = 0; (at = sent.find('\n', at)) != std::string::npos; at += 2) sent.insert(at, "\r");
+  EXPECT_TRUE(read_all(receiver, sent).ends_with(sent));  // behind the receiver's last bytes before it
+  EXPECT_NE(box.read("/tmp/second/sim/state").find("for=positioning-receiver mode=receiver"), std::string::npos);
+  close(receiver);
+
+  const std::string head = "\r\n[2026-11-16 21:14:04]:[Local/Uart/2][00001]\r\nTX:01 \r\nRX:";
+  for (const auto& [text, message] : std::vector<std::pair<std::string, std::string>>{
+           {head + "4F 4G ", "line 4: '4G ' is not a byte in hex followed by a blank"},
+           {head + "4F " + head.substr(0, 20), "line 5: expected a record header"},
+           {head + "4F \r\n[2026-11-16 21:14:05]:[Local/Uart/2", "line 5: record header cut short in its port name"},
+           {head.substr(0, head.size() - 5), "line 3: record ends before its RX: mark"},
+           {"\r\n[2026-11-16 21:14:04]:[Local/Uart/13][00001]\r\nTX:\r\nRX:01 ", "line 2: unknown port 'Local/Uart/13'"},
+           {"$GNZDA\n\x7f" "ELF\x01\x00\xff", "line 2: neither an NMEA sentence"},
+           {"$GNZDA\n[2026-11-16 21:14:04] $GNZDA\n", "line 2: time prefix where the sentences before have none"},
+           {"\n\n", "line 3: no record or sentence"}}) {
+    box.write("/tmp/bad.log", text);
+    const std::string said = capture(kFsusim + " replay " + box.path("/tmp/bad.log") + " --root " + second + " 2>&1 >/dev/null; echo $?");
+    EXPECT_TRUE(said.starts_with("fsusim: " + box.path("/tmp/bad.log") + ": " + message) && said.ends_with("\n2\n") &&
+                std::count(said.begin(), said.end(), '\n') == 2) << said;
+  }
+  EXPECT_NE(box.read("/tmp/second/sim/state").find("for=Local/Uart/2 mode=loopback speed=9600 format=8N1 from_sdk=0 to_sdk=0 "),
+            std::string::npos);  // nothing played, the far end never switched
 }
 
 }  // namespace
