@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 
 #include <csignal>
 #include <cstdio>
@@ -50,16 +51,17 @@ TEST(Fleet, TenUnitsEachAnswerAWebRequestAndStopLeavingNoProcessSegmentOrRoot) {
   test::TestSandbox box;
   // Notes under the registry folder are anyone's guess: a fleet note of a process that is no
   // fleet, or a unit's note for a root no board holds, names nothing.
+  ASSERT_EQ(mkdir(box.path("/tmp/runtime").c_str(), 0700), 0);
   box.write("/tmp/runtime/fleet-" + std::to_string(getpid()), "/etc\n");
   box.write("/tmp/runtime/1", box.root() + "\nunit 3\n");
   setenv("FSUSIM_RUNTIME_DIR", box.path("/tmp/runtime").c_str(), 1);
   EXPECT_EQ(capture(kFsusim + " fleet stop 2>&1; echo $?"), "fsusim: no fleet is running\n1\n");
-  EXPECT_FALSE(box.exists("/tmp/runtime/fleet-" + std::to_string(getpid())));
   for (const auto& [args, said] : std::vector<std::pair<std::string, std::string>>{
            {"ctl --unit 3 'ai 1 1'", "fsusim: no unit 3 is running (fsusim ls lists them)\n1\n"},
            {"status --unit=0", "fsusim: status: --unit 0: a unit's number is 1 to 99999; fsusim --help shows the usage\n2\n"},
            {"fleet 1001", "fsusim: fleet: 1001 units: a fleet has 1 to 1000; fsusim --help shows the usage\n2\n"}})
     EXPECT_EQ(capture(kFsusim + " " + args + " 2>&1; echo $?"), said) << args;
+  EXPECT_FALSE(box.exists("/tmp/runtime/fleet-" + std::to_string(getpid())) || box.exists("/tmp/runtime/1"));
 
   const double start = platform::monotonic_seconds();
   FleetRun fleet(box, 10, {});
