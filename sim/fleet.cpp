@@ -57,9 +57,9 @@ int bad_use(const std::string& what) {
   return 2;
 }
 
-// A unit number of 1 to `most` digits-only text, or 0.
+// The number (1 to `most`) that digits-only text gives, or 0.
 int number_in(std::string_view text, int most) {
-  if (text.empty() || text.size() > 6 || text.find_first_not_of("0123456789") != std::string_view::npos) return 0;
+  if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != std::string_view::npos) return 0;
   const int number = std::atoi(std::string(text).c_str());
   return number <= most ? number : 0;
 }
