@@ -223,7 +223,7 @@ bool Board::start(std::string* error) {
     return fail("cannot write " + pid_file + ": " + std::strerror(errno));
   }
   up_ = true;
-  register_unit(getpid(), root_);  // for `fsusim ls`; a unit that cannot be listed still runs
+  register_unit(getpid(), root_, options_.number);  // for `fsusim ls`; a unit that cannot be listed still runs
   state_.update(platform::monotonic_seconds(), true);
   start_guard();
   thread_ = std::thread(&Board::serve, this);

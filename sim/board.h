@@ -33,6 +33,9 @@ struct BoardOptions {
   // Messages for the person running the board (a terminal's path, a rejected control line);
   // standard error when not set.
   std::function<void(const std::string& message)> report;
+  // The unit's number in a fleet (`--unit K`), which `fsusim ls` shows and `--unit K` finds;
+  // 0 for a unit without one.
+  int number = 0;
 };
 
 class Board {

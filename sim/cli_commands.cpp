@@ -29,8 +29,8 @@ namespace fsu::sim {
 
 const char kCliUsage[] =
     "  fsusim ls\n"
-    "      the simulated units running for you: root, board process, ports and the programs\n"
-    "      that have the ports open\n"
+    "      the simulated units running for you: number (in a fleet), root, board process,\n"
+    "      ports and the programs that have the ports open\n"
     "  fsusim term N --root DIR [--hex]\n"
     "      a raw terminal on the far end of \"Local/Uart/N\" (1 to 12) of the unit in DIR: what\n"
     "      the application sends shows here (in hex with --hex), what you type goes to it;\n"
@@ -149,7 +149,8 @@ std::string process_name(pid_t pid) {
 // The board process's own side: every port's slave is held by it too; its guard process is
 // its child and holds nothing.
 void print_unit(const RunningUnit& unit) {
-  std::printf("%s  board process %d (%s)\n", unit.root.c_str(), static_cast<int>(unit.pid),
+  const std::string number = unit.number > 0 ? "unit " + std::to_string(unit.number) + "  " : "";
+  std::printf("%s%s  board process %d (%s)\n", number.c_str(), unit.root.c_str(), static_cast<int>(unit.pid),
               process_name(unit.pid).c_str());
   std::map<std::string, std::string> paths;  // pseudo-terminal -> device name
   std::string ports;

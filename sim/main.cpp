@@ -20,6 +20,7 @@
 #include "sim/board.h"
 #include "sim/cli_commands.h"
 #include "sim/control_client.h"
+#include "sim/fleet.h"
 #include "sim/panel_command.h"
 #include "sim/replay_command.h"
 #include "sim/sandbox.h"
@@ -54,6 +55,7 @@ constexpr char kUsage[] =
     "%s"
     "%s"
     "%s"
+    "%s"
     "  fsusim tool NAME ARG...\n"
     "      the simulator's side of a stand-in device tool (uci)\n"
     "  fsusim --version\n"
@@ -67,7 +69,7 @@ constexpr char kUsage[] =
 
 int usage(int code) {
   std::fprintf(code == 0 ? stdout : stderr, kUsage, fsu::sim::kWebUsage, fsu::sim::kPanelUsage, fsu::sim::kCliUsage,
-               fsu::sim::scenario::kTestUsage, fsu::sim::kReplayUsage);
+               fsu::sim::scenario::kTestUsage, fsu::sim::kReplayUsage, fsu::sim::kFleetUsage);
   return code;
 }
 
@@ -157,9 +159,10 @@ struct MadeRoot {
 };
 
 // Messages of the board for the person who runs it.
-fsu::sim::BoardOptions board_options(std::vector<std::string> commands, FILE* out) {
+fsu::sim::BoardOptions board_options(std::vector<std::string> commands, FILE* out, int number) {
   fsu::sim::BoardOptions options;
   options.commands = std::move(commands);
+  fsu::sim::number_unit(number, &options);
   options.report = [out](const std::string& message) {
     std::fprintf(out, "fsusim: %s\n", message.c_str());
     std::fflush(out);
@@ -245,6 +248,7 @@ int command_run(int argc, char** argv) {
   std::vector<std::string> commands;
   std::string error;
   fsu::sim::PanelChoice panel;
+  int number = 0;
   int i = 0;
   for (; i < argc; ++i) {
     const std::string_view arg = argv[i];
@@ -253,7 +257,7 @@ int command_run(int argc, char** argv) {
       break;
     }
     if (board_option(argc, argv, &i, &root_arg, &commands, &error) ||
-        fsu::sim::panel_option(argc, argv, &i, &panel, &error)) {
+        fsu::sim::panel_option(argc, argv, &i, &panel, &error) || fsu::sim::unit_option(argc, argv, &i, &number, &error)) {
       if (!error.empty()) return bad_use("run: " + error);
       continue;
     }
@@ -272,7 +276,7 @@ int command_run(int argc, char** argv) {
   if (usable_root(root_arg, &root)) {
     // The command owns standard output; the board speaks on standard error.
     const MadeRoot given(root);
-    fsu::sim::Board board(root, board_options(std::move(commands), stderr));
+    fsu::sim::Board board(root, board_options(std::move(commands), stderr, number));
     if (!fsu::sim::make_sandbox(root, own_path(), &error) || !board.start(&error)) {
       failure(error);
       if (made.empty()) given.remove();
@@ -292,8 +296,9 @@ int command_up(int argc, char** argv) {
   const char* root_arg = nullptr;
   std::vector<std::string> commands;
   std::string error;
+  int number = 0;
   for (int i = 0; i < argc; ++i) {
-    if (!board_option(argc, argv, &i, &root_arg, &commands, &error)) {
+    if (!board_option(argc, argv, &i, &root_arg, &commands, &error) && !fsu::sim::unit_option(argc, argv, &i, &number, &error)) {
       return bad_use("up: unknown argument " + std::string(argv[i]));
     }
     if (!error.empty()) return bad_use("up: " + error);
@@ -309,7 +314,7 @@ int command_up(int argc, char** argv) {
   sigprocmask(SIG_BLOCK, &stop_signals, nullptr);
 
   const MadeRoot given(root);
-  fsu::sim::Board board(root, board_options(std::move(commands), stdout));
+  fsu::sim::Board board(root, board_options(std::move(commands), stdout, number));
   if (!fsu::sim::make_sandbox(root, own_path(), &error) || !board.start(&error)) {
     given.remove();
     return failure(error);
@@ -448,6 +453,12 @@ int main(int argc, char** argv) {
     std::printf("fsusim %s\n", FSU_VERSION_TEXT);
     return 0;
   }
+  // Every command that takes a unit's root takes its number too.
+  for (const char* named : {"ctl", "web", "status", "term", "clean", "panel"}) {
+    const int status = command == named ? fsu::sim::units_as_roots(named, argc - 2, argv + 2) : -1;
+    if (status >= 0) return status;
+  }
+  if (command == "fleet") return fsu::sim::fleet_command(argc - 2, argv + 2);
   if (command == "run") return command_run(argc - 2, argv + 2);
   if (command == "up") return command_up(argc - 2, argv + 2);
   if (command == "ctl") return command_ctl(argc - 2, argv + 2);
@@ -463,5 +474,5 @@ int main(int argc, char** argv) {
   if (command == "replay") return fsu::sim::command_replay(argc - 2, argv + 2);
   if (command == "test") return fsu::sim::scenario::test_command(argc - 2, argv + 2);
   return bad_use("unknown command " + std::string(command) +
-                 " (commands: run, up, ctl, web, status, panel, ls, term, clean, test, record, replay, tool)");
+                 " (commands: run, up, fleet, ctl, web, status, panel, ls, term, clean, test, record, replay, tool)");
 }

@@ -27,8 +27,10 @@ std::string note_of(pid_t pid) {
   return folder.empty() ? std::string() : folder + "/" + std::to_string(pid);
 }
 
-// The root a note names: its first line, when it is an absolute path; else "".
-std::string read_note(const std::string& path) {
+// The root a note names (its first line, when it is an absolute path; else "") and the unit's
+// number ("unit K" on its second line; 0 when there is none).
+std::string read_note(const std::string& path, int* number) {
+  *number = 0;
   const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) return {};
   char text[kNoteSize];
@@ -36,7 +38,14 @@ std::string read_note(const std::string& path) {
   close(fd);
   if (n <= 0) return {};
   std::string root(text, static_cast<std::size_t>(n));
-  root = root.substr(0, root.find('\n'));
+  const std::size_t end = root.find('\n');
+  if (end != std::string::npos && root.compare(end + 1, 5, "unit ") == 0) {
+    const std::string digits = root.substr(end + 6, root.find('\n', end + 1) - end - 6);
+    if (!digits.empty() && digits.size() <= 6 && digits.find_first_not_of("0123456789") == std::string::npos) {
+      *number = std::atoi(digits.c_str());
+    }
+  }
+  root = root.substr(0, end);
   return root.starts_with("/") && root.find('\0') == std::string::npos ? root : std::string();
 }
 
@@ -54,9 +63,9 @@ std::string registry_folder() {
   return private_folder(folder) ? folder : std::string();
 }
 
-bool register_unit(pid_t pid, const std::string& root) {
+bool register_unit(pid_t pid, const std::string& root, int number) {
   const std::string note = note_of(pid);
-  return !note.empty() && replace_file(note, root + "\n");
+  return !note.empty() && replace_file(note, root + "\n" + (number > 0 ? "unit " + std::to_string(number) + "\n" : ""));
 }
 
 void unregister_unit(pid_t pid) {
@@ -76,15 +85,18 @@ std::vector<RunningUnit> running_units() {
     if (name.empty() || name.find_first_not_of("0123456789") != std::string::npos || name.size() > 9) continue;
     const pid_t pid = static_cast<pid_t>(std::atol(name.c_str()));
     const std::string path = folder + "/" + name;
-    const std::string root = read_note(path);
+    int number = 0;
+    const std::string root = read_note(path, &number);
     if (pid > 0 && !root.empty() && board_process(root) == pid) {
-      units.push_back({pid, root});
+      units.push_back({pid, root, number});
     } else {
       unlink(path.c_str());
     }
   }
   closedir(dir);
-  std::sort(units.begin(), units.end(), [](const RunningUnit& a, const RunningUnit& b) { return a.root < b.root; });
+  std::sort(units.begin(), units.end(), [](const RunningUnit& a, const RunningUnit& b) {
+    return a.number != b.number ? a.number < b.number : a.root < b.root;
+  });
   return units;
 }
 

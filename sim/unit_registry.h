@@ -1,5 +1,6 @@
 // Which simulated units are running on this machine for this user: each board that comes up
-// leaves a note (its process and root) in a per-user runtime folder, and takes it away when it
+// leaves a note (its process, root and, for a numbered unit of a fleet, its number) in a
+// per-user runtime folder, and takes it away when it
 // goes down. Notes of processes that died without going down are pruned by whoever lists them.
 #pragma once
 
@@ -12,6 +13,7 @@ namespace fsu::sim {
 struct RunningUnit {
   pid_t pid;
   std::string root;
+  int number = 0;  // the unit's number (`--unit K`), 0 for a unit without one
 };
 
 // The folder of the notes: $FSUSIM_RUNTIME_DIR, else $XDG_RUNTIME_DIR/fsusim, else
@@ -20,12 +22,13 @@ struct RunningUnit {
 // Empty when there is no such folder.
 std::string registry_folder();
 
-// Leaves the note of the board of process `pid` up in `root` (absolute); false when it cannot.
-bool register_unit(pid_t pid, const std::string& root);
+// Leaves the note of the board of process `pid` up in `root` (absolute), unit `number` (0: none);
+// false when it cannot.
+bool register_unit(pid_t pid, const std::string& root, int number = 0);
 // Takes the note of process `pid` away.
 void unregister_unit(pid_t pid);
-// The units whose board process is alive and still holds the root its note names, by root;
-// the notes of the others are removed.
+// The units whose board process is alive and still holds the root its note names, by number
+// and root; the notes of the others are removed.
 std::vector<RunningUnit> running_units();
 
 }  // namespace fsu::sim
