@@ -48,16 +48,6 @@ constexpr double kControlTimeout = 5.0;
 constexpr char kExitKey = 0x1d;  // Ctrl-], as telnet and picocom have it
 constexpr int kMainPorts = 7;
 
-int failure(const std::string& what) {
-  std::fprintf(stderr, "fsusim: %s\n", what.c_str());
-  return 1;
-}
-
-int bad_use(const std::string& what) {
-  std::fprintf(stderr, "fsusim: %s; fsusim --help shows the usage\n", what.c_str());
-  return 2;
-}
-
 // The root of "--root DIR" or "--root=DIR" at argv[*i]; null when it is another argument.
 const char* root_option(int argc, char** argv, int* i) {
   const std::string_view arg = argv[*i];
@@ -386,6 +376,16 @@ int watch_status(const std::string& root) {
   for (const int sig : {SIGTERM, SIGHUP, SIGINT}) sigaction(sig, &stop, nullptr);
   if (isatty(STDOUT_FILENO)) write_all(STDOUT_FILENO, "\x1b[2J", 4);
   return watch_loop(root);
+}
+
+int failure(const std::string& what) {
+  std::fprintf(stderr, "fsusim: %s\n", what.c_str());
+  return 1;
+}
+
+int bad_use(const std::string& what) {
+  std::fprintf(stderr, "fsusim: %s; fsusim --help shows the usage\n", what.c_str());
+  return 2;
 }
 
 int command_ls(int argc, char** argv) {

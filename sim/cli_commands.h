@@ -21,6 +21,11 @@ int watch_status(const std::string& root);
 // relays, 12 V lines, inputs, boards, modem and link, receiver and watchdog, a few lines each.
 std::string status_screen(const std::string& root, const UnitStatus& status);
 
+// One line on standard error for a command that failed ("fsusim: WHAT"); returns 1.
+int failure(const std::string& what);
+// One line naming what is wrong with a command line, rather than the whole usage; returns 2.
+int bad_use(const std::string& what);
+
 // The usage lines of these commands, for fsusim --help.
 extern const char kCliUsage[];
 

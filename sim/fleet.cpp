@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "platform/sandbox_root.h"
+#include "sim/cli_commands.h"
 #include "sim/control.h"
 #include "sim/sandbox.h"
 #include "sim/unit_registry.h"
@@ -46,16 +47,6 @@ constexpr double kBoardUpTimeout = 20;
 // How long the units have to stop on SIGTERM before they are killed.
 constexpr double kStopTimeout = 15;
 constexpr char kFleetNote[] = "fleet-";
-
-int failure(const std::string& what) {
-  std::fprintf(stderr, "fsusim: %s\n", what.c_str());
-  return 1;
-}
-
-int bad_use(const std::string& what) {
-  std::fprintf(stderr, "fsusim: %s; fsusim --help shows the usage\n", what.c_str());
-  return 2;
-}
 
 // The number (1 to `most`) that digits-only text gives, or 0.
 int number_in(std::string_view text, int most) {

@@ -73,16 +73,8 @@ int usage(int code) {
   return code;
 }
 
-// Names what is wrong with the command line, rather than printing the whole usage.
-int bad_use(const std::string& what) {
-  std::fprintf(stderr, "fsusim: %s; fsusim --help shows the usage\n", what.c_str());
-  return kUsageError;
-}
-
-int failure(const std::string& what) {
-  std::fprintf(stderr, "fsusim: %s\n", what.c_str());
-  return 1;
-}
+using fsu::sim::bad_use;
+using fsu::sim::failure;
 
 std::string own_path() {
   char path[4096];

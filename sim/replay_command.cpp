@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "platform/sandbox_root.h"
+#include "sim/cli_commands.h"
 #include "sim/board.h"
 #include "sim/capture_file.h"
 #include "sim/control_client.h"
@@ -41,16 +42,6 @@ constexpr std::size_t kBytesPerLine = 1024;  // what one `send` control line car
 
 std::atomic<bool> g_stop{false};
 void ask_stop(int) { g_stop.store(true); }
-
-int bad_use(const std::string& what) {
-  std::fprintf(stderr, "fsusim: %s; fsusim --help shows the usage\n", what.c_str());
-  return kUsageError;
-}
-
-int failure(const std::string& what) {
-  std::fprintf(stderr, "fsusim: %s\n", what.c_str());
-  return 1;
-}
 
 void catch_stop_signals() {
   struct sigaction stop{};
