@@ -218,7 +218,8 @@ bool Board::start(std::string* error) {
     if (gpio_watch_ >= 0) inotify_add_watch(gpio_watch_, value.c_str(), IN_MODIFY | IN_CLOSE_WRITE);
   }
   if (gpio_watch_ >= 0) {
-    inotify_add_watch(gpio_watch_, (root_ + "/sys/class/gpio/gpio12/value").c_str(), IN_MODIFY | IN_CLOSE_WRITE);
+    modem_power_watch_ =
+        inotify_add_watch(gpio_watch_, (root_ + "/sys/class/gpio/gpio12/value").c_str(), IN_MODIFY | IN_CLOSE_WRITE);
   }
   control_watch_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   if (control_watch_ >= 0) {
@@ -314,18 +315,19 @@ void Board::close_ports() {
 
 namespace {
 
-// Drains an inotify descriptor; true when one of its events was about the file `name`.
-bool names_written(int watch, std::string_view name) {
+// Drains an inotify descriptor; true when one of its events came from watch `wd` or was about
+// the file `name` of a watched folder.
+bool drained_events_of(int fd, int wd, std::string_view name) {
   alignas(inotify_event) char events[4096];
-  bool named = false;
-  for (ssize_t n; (n = read(watch, events, sizeof events)) > 0;) {
+  bool hit = false;
+  for (ssize_t n; (n = read(fd, events, sizeof events)) > 0;) {
     for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(inotify_event)) <= n;) {
       const auto* event = reinterpret_cast<const inotify_event*>(events + at);
-      named = named || (event->len > 0 && std::string_view(event->name) == name);
+      hit = hit || event->wd == wd || (!name.empty() && event->len > 0 && std::string_view(event->name) == name);
       at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
     }
   }
-  return named;
+  return hit;
 }
 
 }  // namespace
@@ -356,10 +358,8 @@ void Board::serve() {
     poll(fds.data(), fds.size(), timeout);
     if (fds[0].revents != 0) return;
     const bool gpio_written = fds[1].revents != 0;
-    char events[4096];
-    while (gpio_written && read(gpio_watch_, events, sizeof events) > 0) {
-    }
-    const bool control_written = fds[2].revents != 0 && names_written(control_watch_, "control");
+    const bool modem_powered = gpio_written && drained_events_of(gpio_watch_, modem_power_watch_, {});
+    const bool control_written = fds[2].revents != 0 && drained_events_of(control_watch_, -1, "control");
     now = platform::monotonic_seconds();
     // Only ports with input or bytes due: an idle board does next to nothing when it wakes.
     for (std::size_t i = 0; i < uarts_.size(); ++i) {
@@ -368,7 +368,7 @@ void Board::serve() {
       if (input || now >= due[i]) uarts_[i]->pump(now);
     }
     modem_->service(now);
-    if (now >= next_control || gpio_written || now >= modem_->due()) modem_->tick(now);
+    if (now >= next_control || modem_powered || now >= modem_->due()) modem_->tick(now);
     if (now >= next_control || control_written) {
       next_control = now + kControlPeriod;
       take_control(now);
