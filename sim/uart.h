@@ -62,9 +62,8 @@ class Uart {
  public:
   // What a far end may have queued for the SDK; more is dropped and counted.
   static constexpr std::size_t kQueueCapacity = 64 * 1024;
-  // Shortest wait between two passes while bytes are moving: fewer wake-ups, bytes go in batches
-  // (the SDK's readers look every 100 ms, so a batch of 20 ms reaches them as a steady line would).
-  static constexpr double kTickSeconds = 0.02;
+  // Shortest wait between two passes while bytes are moving: fewer wake-ups, bytes go in batches.
+  static constexpr double kTickSeconds = 0.005;
 
   // `number` 1 to 7 for /dev/ttymxc1 to /dev/ttymxc7; `use` says what the port serves
   // ("Local/Uart/1", "extension-board-1"); `link` is the host path of the device path.
