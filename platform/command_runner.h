@@ -14,7 +14,9 @@ constexpr std::size_t kCommandSize = 4096;
 // True when `command` may run here (always on the device).
 bool command_allowed(const char* command);
 
-// Runs `command` through /bin/sh -c, as system(3) does. Returns the wait status, or -1 when
+// Runs `command` through /bin/sh -c, as system(3) does. Two frequent forms skip the shell with
+// the same effect: `echo WORD > FILE` of plain words is written in-process, and in a sandbox a
+// stand-in tool with plain-word arguments is started directly. Returns the wait status, or -1 when
 // the command is null, refused or cannot be started.
 int run_command(const char* command);
 

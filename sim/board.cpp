@@ -43,8 +43,9 @@ constexpr ChannelOf kChannels[] = {{1, 0}, {1, 1}, {1, 2}, {1, 3}, {2, 0}, {2, 2
 constexpr int kFirstChannelPort = 5;
 constexpr int kSerialPorts = kFirstChannelPort + static_cast<int>(std::size(kChannels)) - 1;
 
-// How often the service thread looks for new control lines.
-constexpr double kControlPeriod = 0.05;
+// How often the service thread looks for new control lines and the modem's power line when
+// nothing told it of a change (it is woken at once by a write to either): an idle board sleeps.
+constexpr double kControlPeriod = 0.5;
 // Rejected control lines that sim/state keeps.
 constexpr std::size_t kKeptErrors = 8;
 
@@ -219,6 +220,14 @@ bool Board::start(std::string* error) {
     const std::string value = root_ + "/sys/class/gpio/gpio" + std::to_string(gpio.line) + "/value";
     if (gpio_watch_ >= 0) inotify_add_watch(gpio_watch_, value.c_str(), IN_MODIFY | IN_CLOSE_WRITE);
   }
+  if (gpio_watch_ >= 0) {
+    modem_power_watch_ =
+        inotify_add_watch(gpio_watch_, (root_ + "/sys/class/gpio/gpio12/value").c_str(), IN_MODIFY | IN_CLOSE_WRITE);
+  }
+  control_watch_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  if (control_watch_ >= 0) {
+    inotify_add_watch(control_watch_, (root_ + "/sim").c_str(), IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE);
+  }
   if (!replace_file(pid_file, std::to_string(getpid()) + "\n")) {
     return fail("cannot write " + pid_file + ": " + std::strerror(errno));
   }
@@ -302,11 +311,30 @@ void Board::close_ports() {
   receiver_ = nullptr;
   for (const auto& uart : uarts_) uart->close();
   uarts_.clear();
-  for (int* fd : {&wake_[0], &wake_[1], &gpio_watch_}) {
+  for (int* fd : {&wake_[0], &wake_[1], &gpio_watch_, &control_watch_}) {
     if (*fd >= 0) close(*fd);
     *fd = -1;
   }
 }
+
+namespace {
+
+// Drains an inotify descriptor; true when one of its events came from watch `wd` or was about
+// the file `name` of a watched folder.
+bool drained_events_of(int fd, int wd, std::string_view name) {
+  alignas(inotify_event) char events[4096];
+  bool hit = false;
+  for (ssize_t n; (n = read(fd, events, sizeof events)) > 0;) {
+    for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(inotify_event)) <= n;) {
+      const auto* event = reinterpret_cast<const inotify_event*>(events + at);
+      hit = hit || event->wd == wd || (!name.empty() && event->len > 0 && std::string_view(event->name) == name);
+      at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+    }
+  }
+  return hit;
+}
+
+}  // namespace
 
 void Board::serve() {
   // Signals are for the main thread (it stops the board, or passes them to an application).
@@ -319,7 +347,7 @@ void Board::serve() {
   double next_control = 0;
   for (;;) {
     double now = platform::monotonic_seconds();
-    fds.assign({pollfd{wake_[0], POLLIN, 0}, pollfd{gpio_watch_, POLLIN, 0}});
+    fds.assign({pollfd{wake_[0], POLLIN, 0}, pollfd{gpio_watch_, POLLIN, 0}, pollfd{control_watch_, POLLIN, 0}});
     double wake_at = next_control;
     for (std::size_t i = 0; i < uarts_.size(); ++i) {
       first_fd[i] = fds.size();
@@ -334,9 +362,8 @@ void Board::serve() {
     poll(fds.data(), fds.size(), timeout);
     if (fds[0].revents != 0) return;
     const bool gpio_written = fds[1].revents != 0;
-    char events[4096];
-    while (gpio_written && read(gpio_watch_, events, sizeof events) > 0) {
-    }
+    const bool modem_powered = gpio_written && drained_events_of(gpio_watch_, modem_power_watch_, {});
+    const bool control_written = fds[2].revents != 0 && drained_events_of(control_watch_, -1, "control");
     now = platform::monotonic_seconds();
     // Only ports with input or bytes due: an idle board does next to nothing when it wakes.
     for (std::size_t i = 0; i < uarts_.size(); ++i) {
@@ -345,8 +372,8 @@ void Board::serve() {
       if (input || now >= due[i]) uarts_[i]->pump(now);
     }
     modem_->service(now);
-    if (now >= next_control || now >= modem_->due()) modem_->tick(now);
-    if (now >= next_control) {
+    if (now >= next_control || modem_powered || now >= modem_->due()) modem_->tick(now);
+    if (now >= next_control || control_written) {
       next_control = now + kControlPeriod;
       take_control(now);
       tap_.close_due(now);

@@ -97,7 +97,9 @@ class Board {
   std::deque<std::string> errors_;  // the latest rejected lines, for sim/state
   std::thread thread_;
   int wake_[2] = {-1, -1};  // a byte in this pipe ends the service thread
-  int gpio_watch_ = -1;     // inotify on the GPIO value files the state shows
+  int gpio_watch_ = -1;     // inotify on the GPIO value files the state shows and the modem's power line
+  int modem_power_watch_ = -1;  // its watch on the modem's power line
+  int control_watch_ = -1;  // inotify on sim/, for lines appended to sim/control
   pid_t guard_ = -1;        // brings the board down in the files when this process dies
   int guard_pipe_ = -1;     // its end of the pipe; the guard wakes when it closes
 };

@@ -61,6 +61,19 @@ TEST(CommandRunner, RunsWithTheSandboxToolsOnlyAndCapturesBounded) {
   // Any text stands as one word, unchanged.
   const std::string word = "it's $HOME `id` \"a  b\" \\ ;\n*";
   EXPECT_EQ(capture(("printf '[%s]' " + std::string(ShellWord(word.c_str()).c_str()) + " ''").c_str()), "[" + word + "][]");
+  // The forms that skip the shell give what the shell gives; any other text still goes to it.
+  const std::string file = DevicePath("/tmp/gpio").c_str(), dir = DevicePath("/tmp").c_str();
+  for (const auto& [command, written] : {std::pair<std::string, std::string>{"echo 1 > " + file, "1\n"},
+                                         {"echo  0 >" + file + " ", "0\n"}, {"echo -n 1 > " + file, "1"},
+                                         {"echo $FSU_ROOT > " + file, box.root() + "\n"}, {"echo '*' > " + file, "*\n"}}) {
+    EXPECT_EQ(run_command(command.c_str()), 0) << command;
+    EXPECT_EQ(capture(("cat " + file).c_str()), written) << command;
+  }
+  EXPECT_EQ(run_command(("echo 1 > " + dir).c_str()), 2 << 8);  // a folder: the shell's failure
+  EXPECT_EQ(capture("lsusb"), capture(("cat " + box.path("/sim/usb")).c_str()));
+  EXPECT_EQ(run_command("ifconfig   ppp9"), 1 << 8);
+  EXPECT_NE(box.calls().find("ifconfig ppp9"), std::string::npos);
+  EXPECT_EQ(run_command("nosuchtool x"), 127 << 8);
   EXPECT_EQ(run_command(nullptr), -1);
   EXPECT_EQ(run_commandf("echo %s", std::string(kCommandSize, 'x').c_str()), -1);
 
