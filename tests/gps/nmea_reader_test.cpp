@@ -90,16 +90,19 @@ TEST_F(NmeaReader, ZdaGivesUtcPlusEightHoursCorrectedByItsZone) {
     EXPECT_EQ(gps_fix().gps_time, expected) << zone;
   }
   // A receiver without time yet, or a date that is no date, leaves the last time.
-  for (const char* bad : {"GPZDA,,,,,,", "GPZDA,082710.00,31,13,2026,00,00", "GPZDA,087710.00,16,11,2026,00,00", "GPZDA,082710.00,16,11,2026,24,00"}) {
+  for (const char* bad : {"GPZDA,,,,,,", "GPZDA,082710.00,31,13,2026,00,00", "GPZDA,087710.00,16,11,2026,00,00", "GPZDA,082710.00,16,11,2026,24,00", "GPZDA,082762.00,16,11,2026,00,00"}) {
     read_batch(nmea(bad));
     EXPECT_EQ(gps_fix().gps_time, utc + 25200) << bad;
   }
+  // The same day and hour a month earlier, and a leap second.
+  read_batch(nmea("GPZDA,082710.00,16,11,2026,00,00")), read_batch(nmea("GPZDA,082760.00,16,10,2026,00,00"));
+  EXPECT_EQ(gps_fix().gps_time, utc + 28800 - 31 * 86400 + 50);
 }
 
 TEST_F(NmeaReader, GsvGroupsFillTheSlotsWhenCompleteGsaCountsSatellitesUsedAndOversizedFieldsStayInTheRecord) {
   const std::string group[] = {nmea("GPGSV,3,1,10,01,40,083,46,02,17,308,41,12,07,344,39,14,22,228,45"),
                                nmea("GPGSV,3,2,10,15,44,050,38,17,10,100,,19,,200,30,24,60,010,42"),
-                               nmea("GPGSV,3,3,10,25,05,300,33,32,55,123,")};
+                               nmea("GPGSV,3,3,10,25,05,300,33,32,55,123,,,10,100,36")};  // a block without its id is no satellite
   for (const std::string& message : group) {
     EXPECT_EQ(Read_GPS_dB_Flag(), 0);
     EXPECT_EQ(gps_info().gps_sat_id[0], 0);  // a group shows only once it is complete
