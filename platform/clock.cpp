@@ -76,8 +76,15 @@ std::tm local_time(std::time_t t) {
   return out;
 }
 
+namespace {
+std::atomic<void (*)(long)> g_sleep_taker{nullptr};
+}  // namespace
+
+void hand_sleeps_to_for_tests(void (*taker)(long milliseconds)) { g_sleep_taker.store(taker); }
+
 void sleep_ms(long milliseconds) {
   if (milliseconds <= 0) return;
+  if (void (*taker)(long) = g_sleep_taker.load()) return taker(milliseconds);
   if (pace().rate != 1) milliseconds = std::max(1L, static_cast<long>(static_cast<double>(milliseconds) / pace().rate));
   timespec left{milliseconds / 1000, (milliseconds % 1000) * 1000000L};
   while (nanosleep(&left, &left) != 0 && errno == EINTR) {

@@ -25,5 +25,9 @@ std::tm local_time(std::time_t t);
 // Sleeps, resuming after signals until the full time has passed.
 void sleep_ms(long milliseconds);
 void sleep_s(long seconds);
+// For tests: every sleep of the process is handed to `taker` (its length in milliseconds, as
+// asked) instead of being slept, so that a routine's pace is seen without waiting for it; the
+// taker may throw to end a routine that runs for ever. nullptr sleeps again.
+void hand_sleeps_to_for_tests(void (*taker)(long milliseconds));
 
 }  // namespace fsu::platform

@@ -16,6 +16,7 @@
 #include "lte/lte_supervisor.h"
 #include "lte/modem_discovery.h"
 #include "lte/ntu.h"
+#include "platform/clock.h"
 #include "platform/sandbox_root.h"
 #include "platform/shared_memory.h"
 #include "sdk/lifecycle.h"
@@ -199,6 +200,45 @@ TEST(WebMode, ACounterSegmentOfAnotherSizeOrModeIsMadeAgainOrLeftAlone) {
     if (held != nullptr) shmdt(held);
     shmctl(shmget(key, 0, 0), IPC_RMID, nullptr);
   }
+}
+
+// The operator's items step a second at a time, for their number of passes: the sleeps are
+// taken by the test instead of slept, and a routine that runs for ever is ended by the last.
+std::vector<long> g_sleeps;
+std::size_t g_sleep_limit = 0;
+struct Enough {};
+void take_sleep(long milliseconds) {
+  if (milliseconds < 1000) return;  // the port driver's short waits for a write
+  g_sleeps.push_back(milliseconds);
+  if (g_sleeps.size() >= g_sleep_limit) throw Enough{};
+}
+
+TEST(OperatorItems, StepASecondAtATimeForTheirPasses) {
+  test::TestSandbox box;
+  sdk::PAR_SET_M_COM_EXIST_STATUS(1), sdk::PAR_SET_EXT_COM_EXIST_STATUS(1);
+  sdk::PAR_SET_M_ENV_EXIST_STATUS(1), sdk::PAR_SET_EXT_ENV_EXIST_STATUS(1);
+  char resources[1024];
+  ASSERT_EQ(ReadFSUResource(resources, sizeof resources), 0);  // 12 ports, 16 AI, 16 DI, 4 DO
+  platform::hand_sleeps_to_for_tests(take_sleep);
+  const auto sleeps = [](void (*item)(), std::size_t limit) {
+    g_sleeps.clear(), g_sleep_limit = limit;
+    try {
+      item();
+    } catch (const Enough&) {
+    }
+    return g_sleeps;
+  };
+  const auto seconds = [](std::size_t n) { return std::vector<long>(n, 1000); };
+  testing::internal::CaptureStdout();
+  const std::vector<std::vector<long>> taken = {sleeps(DO_CONTROL, 100), sleeps(Read_Hardware_RTC, 100),
+                                                sleeps(com_test_pass, 100), sleeps(AIDI_READ, 5000), sleeps(START_PPP0, 3)};
+  platform::hand_sleeps_to_for_tests(nullptr);
+  const std::string out = testing::internal::GetCapturedStdout();
+  // Each relay on, then each off; five clock readings; the odd ports' phase, then the even ones';
+  // 3000 input passes; the link report of a quarter of an hour, ended at its third second.
+  EXPECT_EQ(taken, std::vector({seconds(8), seconds(5), seconds(2), seconds(3000), seconds(3)}));
+  EXPECT_EQ(std::vector({sim::count(out, "set DO "), sim::count(out, "AI 16 电压型"), sim::count(out, "PPP0未拨号成功")}),
+            std::vector({8, 3000, 2}));
 }
 
 }  // namespace
