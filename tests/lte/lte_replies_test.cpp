@@ -45,7 +45,7 @@ TEST(Replies, SystemInformationRegistrationAndOperator) {
     EXPECT_STREQ(ntu_texts().nettype, nettype) << text;
     if (state == 9) { EXPECT_EQ(NTU.simstat * 1000 + NTU.srvstat * 100 + NTU.srvdomain * 10 + NTU.siminfo, 1231); }
   }
-  for (const auto& [mode, gen] : {std::pair{0, "0"}, {3, "2"}, {8, "2"}, {1, "2"}, {4, "3"}, {15, "3"}, {9, "4"}, {17, "4"}}) {
+  for (const auto& [mode, gen] : {std::pair{0, "0"}, {3, "2"}, {8, "2"}, {1, "2"}, {4, "3"}, {5, "3"}, {7, "3"}, {15, "3"}, {9, "4"}, {10, "4"}, {17, "4"}}) {
     EXPECT_STREQ(sysinfo_nettype(mode), gen) << mode;
   }
   // Access technologies as 3GPP numbers them: 6 is UMTS with HSDPA and HSUPA, 8 EC-GSM-IoT.
@@ -97,7 +97,7 @@ TEST(Replies, EveryImeiShapeInItsOrderAndTheImsi) {
   for (const auto& [text, result, imsi] :
        {std::tuple{"AT+CIMI460001234567890OK", 1, "460001234567890"}, {"46000OK", -1, ""}, {"+CSQ: 24,99OK", -1, ""},
         {"^SYSINFO:2,3,0,17,1OK", -1, ""}, {"RDY+CPIN: READY460001234567890OK", 1, "460001234567890"},
-        {"460001234567890866123456789012OK", -1, ""}, {"+CIMI: 460001234567890", 1, "460001234567890"}}) {
+        {"460001234567890866123456789012OK", -1, ""}, {"+CIMI: 460001234567890", 1, "460001234567890"}, {"460001OK", 1, "460001"}, {"4600012345678901OK", -1, ""}}) {
     std::string reply = text;
     EXPECT_EQ(parse_cimi(reply.data(), cimi), result) << text;
     EXPECT_STREQ(cimi, imsi) << text;
