@@ -158,6 +158,9 @@ TEST_F(Supervisor, EachModelsIdentitiesAreReadInItsOwnShapesAndNoneWithoutASim) 
     lte_pass(0);
     EXPECT_STREQ(ntu_texts().cimi, "460001234567890") << lines.back();
     EXPECT_STREQ(ntu_texts().imei, "866123456789012") << lines.back();
+    if (lines.back() == "modem row 18") {
+      EXPECT_EQ(readEC800_info(ntu_texts().atdev), 1);  // registered: dial
+    }
   }
   unit.box.write("/tmp/Globalp.ini", "");
   data_init();
