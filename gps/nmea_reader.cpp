@@ -217,10 +217,7 @@ void Reader::parse(const char* text, std::size_t count) {
     const char* dollar = dollars.from(cursor);
     if (dollar == nullptr) break;
     const char* star = stars.from(dollar + 1);
-    if (star == nullptr) {
-      cursor = dollar + 1;
-      continue;
-    }
+    if (star == nullptr) break;  // no checksum anywhere further: no later sentence is whole either
     const char* next = dollars.from(dollar + 1);
     if (next != nullptr && next < star) {  // a fragment without a checksum
       cursor = next;
