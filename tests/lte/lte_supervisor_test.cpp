@@ -45,6 +45,7 @@ TEST_F(Supervisor, SavedIdentitiesShowUntilTheModemAnswersAndAnUnregisteredModem
   EXPECT_EQ(unit.box.read("/tmp/Globalp.ini"), "cimi=460001234567890\nimei=866123456789012\ncsq=-61\n");
   EXPECT_NE(unit.box.read("/tmp/sdklog.log").find("LTE SYS NO CSQ!"), std::string::npos);
   EXPECT_EQ(unit.box.calls().find("lte.sh"), std::string::npos);
+  EXPECT_EQ(read_sysinfo(ntu_texts().atdev), -1);  // the registration query's own answer: not registered
 }
 
 TEST_F(Supervisor, IdentitiesAreTheModemsOwnWellFormedAnswersAndAreAskedAgainForAnotherModem) {
