@@ -82,24 +82,27 @@ bool usable_folder(const std::string& dir, std::string* absolute) {
   return true;
 }
 
+// The start of /proc/PID/WHAT (at most size - 1 bytes, terminated); its length, 0 when unreadable.
+std::size_t read_proc(pid_t pid, const char* what, char* text, std::size_t size) {
+  char path[64];
+  std::snprintf(path, sizeof path, "/proc/%d/%s", static_cast<int>(pid), what);
+  std::FILE* file = std::fopen(path, "re");
+  if (file == nullptr) return 0;
+  const std::size_t n = std::fread(text, 1, size - 1, file);
+  std::fclose(file);
+  text[n] = '\0';
+  return n;
+}
+
 // The process a fleet note names, while it is still a fleet of this fsusim (a reused process
 // number is not).
 bool fleet_alive(pid_t pid) {
-  char path[64];
-  std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
-  std::FILE* stat = std::fopen(path, "re");
-  if (stat == nullptr) return false;
   char text[512] = {};
-  const std::size_t n = std::fread(text, 1, sizeof text - 1, stat);
-  std::fclose(stat);
+  const std::size_t n = read_proc(pid, "stat", text, sizeof text);
   const char* state = std::strrchr(text, ')');  // after the program's name, which may hold anything
   if (n == 0 || state == nullptr || state[1] != ' ' || state[2] == 'Z' || state[2] == 'X') return false;
-  std::snprintf(path, sizeof path, "/proc/%d/cmdline", static_cast<int>(pid));
-  std::FILE* cmdline = std::fopen(path, "re");
-  if (cmdline == nullptr) return false;
   char words[256] = {};
-  const std::size_t got = std::fread(words, 1, sizeof words - 1, cmdline);
-  std::fclose(cmdline);
+  const std::size_t got = read_proc(pid, "cmdline", words, sizeof words);
   const std::size_t first = std::strlen(words);
   return first + 1 < got && std::string_view(words + first + 1) == "fleet";
 }
